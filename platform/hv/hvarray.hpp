@@ -192,8 +192,8 @@ bool hvIsNumeric(const hvArray* array);   // classes 6 to 15
 bool hvIsContainer(const hvArray* array); // cell, struct, object
 // True when the array is, or holds at any depth, a function handle, opaque array or object.
 bool hvDoesArrayContainObjects(const hvArray* array);
-// Our object arrays hold elements of one class; so this is false except for cells of objects
-// of different classes (the nearest we have to a heterogeneous array).
+// True for an array whose elements may be of different classes. Object arrays of this library
+// hold elements of one class, so the answer is false for every array it makes.
 bool hvIsHeterogeneousArray(const hvArray* array);
 // True when the array's class is `className`, a superclass of it, or one of the groups
 // "numeric", "float", "integer", "handle" it belongs to. Null array or name: false.
@@ -302,9 +302,10 @@ bool hvIsClassDefined(const char* name);
 // An m-by-n object array of a registered class with empty properties, or null when the class
 // is unknown or not available in this process (the "string" class when switched off).
 hvArray* hvCreateClassArray(const char* className, std::size_t m, std::size_t n);
-// Properties of element `index`. Get: a shared copy (caller owns), null when there is no such
-// property or the array has none. Set: stores a shared copy of `value` (null empties it);
-// unknown property: std::invalid_argument; index: std::out_of_range.
+// Properties of element `index`. Get: a shared copy (caller owns); an empty property gives a
+// 0-by-0 double; null when there is no such property or the array has none. Set: stores a shared
+// copy of `value` (null empties it); unknown property: std::invalid_argument; index:
+// std::out_of_range.
 hvArray* hvGetProperty(const hvArray* array, std::size_t index, const char* name);
 void hvSetProperty(hvArray* array, std::size_t index, const char* name, const hvArray* value);
 
