@@ -101,7 +101,8 @@ std::shared_ptr<BundleData> readManifest(const boost::filesystem::path& file) {
         throw std::runtime_error("Bundle manifest " + file.string() +
                                  " has no \"bundle.library\".");
     }
-    data->library = file.parent_path() / lib->second.ToString();
+    boost::filesystem::path library(lib->second.ToString());
+    data->library = library.is_absolute() ? library : file.parent_path() / library;
     auto name = data->properties.find("bundle.symbolic_name");
     data->symbolicName =
         name == data->properties.end() ? file.stem().string() : name->second.ToString();

@@ -1,0 +1,238 @@
+#include "protobufdataarrayserializer.hpp"
+
+#include "dataarray.pb.h"
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream_impl.h>
+#include <google/protobuf/wire_format_lite.h>
+
+#include <climits>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+namespace quorl {
+namespace dataarray {
+
+namespace fx = foundation::extdata;
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "element blocks are written in the machine's order, which must be little-endian");
+
+namespace {
+
+// Largest message Protocol Buffers will read back.
+constexpr std::uint64_t MaxMessageBytes = INT_MAX;
+// Bound on the framing of one field: a tag and a length varint.
+constexpr std::uint64_t FieldOverhead = 16;
+
+// An upper bound of the encoded size, found without building anything, so that an array too
+// large is refused before memory is spent on it. Stops counting once past the limit.
+std::uint64_t sizeBound(const fx::Array& a) {
+    std::uint64_t n = FieldOverhead * (2 + a.getDimensions().size());
+    auto count = a.getNumberOfElements();
+    switch (a.getType()) {
+    case fx::UNKNOWN:
+        return 0;
+    case fx::STRING:
+        for (std::size_t i = 0; i < count && n <= MaxMessageBytes; ++i) {
+            n += FieldOverhead + 2 * a.getString(i).size();
+        }
+        return n;
+    case fx::CELL:
+        for (std::size_t i = 0; i < count && n <= MaxMessageBytes; ++i) {
+            n += FieldOverhead + sizeBound(a.getCell(i));
+        }
+        return n;
+    case fx::STRUCT: {
+        auto& names = a.getFieldNames();
+        for (auto& name : names) {
+            n += FieldOverhead + name.size();
+        }
+        for (std::size_t i = 0; i < count && n <= MaxMessageBytes; ++i) {
+            for (std::size_t f = 0; f < names.size() && n <= MaxMessageBytes; ++f) {
+                n += FieldOverhead + sizeBound(a.getField(i, f));
+            }
+        }
+        return n;
+    }
+    default:
+        return n + FieldOverhead + a.getRawByteCount();
+    }
+}
+
+std::string toBytes(const std::u16string& s) {
+    return std::string(reinterpret_cast<const char*>(s.data()), s.size() * sizeof(char16_t));
+}
+
+// Everything but the element block of a plain-data array, which the caller places.
+void fillHeader(const fx::Array& a, ArrayMessage& m) {
+    if (a.getType() == fx::UNKNOWN) {
+        return; // the empty message
+    }
+    m.set_type(a.getType());
+    for (auto d : a.getDimensions()) {
+        m.add_dims(d);
+    }
+    auto count = a.getNumberOfElements();
+    switch (a.getType()) {
+    case fx::STRING:
+        for (std::size_t i = 0; i < count; ++i) {
+            m.add_strings(toBytes(a.getString(i)));
+        }
+        break;
+    case fx::CELL:
+        for (std::size_t i = 0; i < count; ++i) {
+            auto& e = *m.add_elements();
+            fillHeader(a.getCell(i), e);
+            if (fx::isPlainDataType(a.getCell(i).getType())) {
+                e.set_data(a.getCell(i).getRawData(), a.getCell(i).getRawByteCount());
+            }
+        }
+        break;
+    case fx::STRUCT:
+        for (auto& name : a.getFieldNames()) {
+            m.add_field_names(name);
+        }
+        for (std::size_t i = 0; i < count; ++i) {
+            for (std::size_t f = 0; f < a.getFieldNames().size(); ++f) {
+                auto& v = a.getField(i, f);
+                auto& e = *m.add_elements();
+                fillHeader(v, e);
+                if (fx::isPlainDataType(v.getType())) {
+                    e.set_data(v.getRawData(), v.getRawByteCount());
+                }
+            }
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+[[noreturn]] void invalid(const std::string& why) {
+    throw std::runtime_error("Invalid data array bytes: " + why + ".");
+}
+
+fx::Array toArray(ArrayMessage& m) {
+    if (m.type() < 0 || m.type() > fx::ArrayTypeLast) {
+        invalid("unknown type " + std::to_string(m.type()));
+    }
+    auto type = static_cast<fx::ArrayType>(m.type());
+    if (type == fx::UNKNOWN) {
+        if (m.dims_size() || !m.data().empty() || m.strings_size() || m.elements_size() ||
+            m.field_names_size()) {
+            invalid("a default array with contents");
+        }
+        return fx::Array();
+    }
+    fx::Array::Dims dims(m.dims().begin(), m.dims().end());
+    // The Array factories check shapes and sizes; their complaints are bad input here.
+    try {
+        if (fx::isPlainDataType(type)) {
+            if (m.strings_size() || m.elements_size() || m.field_names_size()) {
+                invalid("a numeric array with other contents");
+            }
+            return fx::Array::adoptBytes(type, std::move(dims), std::move(*m.mutable_data()));
+        }
+        if (!m.data().empty()) {
+            invalid("an element block in a non-numeric array");
+        }
+        switch (type) {
+        case fx::STRING: {
+            if (m.elements_size() || m.field_names_size()) {
+                invalid("a string array with other contents");
+            }
+            std::vector<std::u16string> values;
+            values.reserve(static_cast<std::size_t>(m.strings_size()));
+            for (auto& s : m.strings()) {
+                if (s.size() % sizeof(char16_t) != 0) {
+                    invalid("a string of an odd number of bytes");
+                }
+                std::u16string u(s.size() / sizeof(char16_t), u'\0');
+                std::memcpy(&u[0], s.data(), s.size());
+                values.push_back(std::move(u));
+            }
+            return fx::Array::createString(std::move(dims), std::move(values));
+        }
+        case fx::CELL:
+        case fx::STRUCT: {
+            if (m.strings_size() || (type == fx::CELL && m.field_names_size())) {
+                invalid("a container with string contents");
+            }
+            std::vector<fx::Array> elements;
+            elements.reserve(static_cast<std::size_t>(m.elements_size()));
+            for (auto& e : *m.mutable_elements()) {
+                elements.push_back(toArray(e));
+            }
+            if (type == fx::CELL) {
+                return fx::Array::createCell(std::move(dims), std::move(elements));
+            }
+            std::vector<std::string> names(m.field_names().begin(), m.field_names().end());
+            return fx::Array::createStruct(std::move(dims), std::move(names), std::move(elements));
+        }
+        default:
+            invalid("unknown type");
+        }
+    } catch (const std::invalid_argument& e) {
+        invalid(e.what());
+    }
+}
+
+} // namespace
+
+void ProtobufDataArraySerializer::serializeDataArray(const fx::Array& array, std::ostream& out) {
+    if (array.getType() == fx::UNKNOWN) {
+        return; // the empty message
+    }
+    auto bound = sizeBound(array);
+    if (bound > MaxMessageBytes) {
+        throw std::runtime_error("Data array too large for a Protocol Buffers message (over " +
+                                 std::to_string(MaxMessageBytes) + " bytes).");
+    }
+    ArrayMessage m;
+    fillHeader(array, m);
+    std::string header;
+    if (!m.SerializeToString(&header)) {
+        throw std::runtime_error("Cannot encode the data array.");
+    }
+    const char* block = nullptr;
+    std::size_t blockSize = 0;
+    if (fx::isPlainDataType(array.getType())) {
+        // Field 3 ("data") appended after the others: a field's position in a message is free,
+        // and the element block goes to the stream without an intermediate copy.
+        block = static_cast<const char*>(array.getRawData());
+        blockSize = array.getRawByteCount();
+        std::uint8_t framing[16];
+        auto end = google::protobuf::io::CodedOutputStream::WriteTagToArray(
+            google::protobuf::internal::WireFormatLite::MakeTag(
+                ArrayMessage::kDataFieldNumber,
+                google::protobuf::internal::WireFormatLite::WIRETYPE_LENGTH_DELIMITED),
+            framing);
+        end = google::protobuf::io::CodedOutputStream::WriteVarint64ToArray(blockSize, end);
+        header.append(reinterpret_cast<const char*>(framing),
+                      static_cast<std::size_t>(end - framing));
+    }
+    out.write(header.data(), static_cast<std::streamsize>(header.size()));
+    if (blockSize) {
+        out.write(block, static_cast<std::streamsize>(blockSize));
+    }
+    if (!out) {
+        throw std::runtime_error("Cannot write the data array bytes to the stream.");
+    }
+}
+
+fx::Array ProtobufDataArraySerializer::deserializeDataArray(std::istream& in) {
+    google::protobuf::io::IstreamInputStream input(&in, 1 << 16);
+    ArrayMessage m;
+    if (!m.ParseFromZeroCopyStream(&input)) {
+        invalid("not an array message");
+    }
+    if (in.bad()) {
+        throw std::runtime_error("Cannot read the data array bytes from the stream.");
+    }
+    return toArray(m);
+}
+
+} // namespace dataarray
+} // namespace quorl

@@ -1,0 +1,109 @@
+#pragma once
+// quorl::cmddistributor::DataArrayPayload: the archive form of foundation::extdata::Array values
+// in messages. A list is "NoOfElement" and then, per array, "PayLoadLength" and that many bytes
+// made by the data-array serialization service, written by the archive's binary operation; a
+// single array is one "PayLoadLength" and its bytes. The same in every archive family.
+//
+// Stateless; any thread. Both directions first look up the service and raise std::runtime_error
+// "Missing Veldra Data Array serialization support." without it, before touching the archive.
+// Writing drops a std::runtime_error of the service and writes what the stream holds; reading
+// passes on what the service or the archive raise. A zero length reads as a default-constructed
+// Array and ends a list at once.
+#include <quorl/cmddistributor/veldradataarrayserializationservice.hpp>
+
+#include <boost/serialization/nvp.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace quorl {
+namespace cmddistributor {
+
+class DataArrayPayload {
+public:
+    // The service, or std::runtime_error when there is none.
+    static std::shared_ptr<VeldraDataArraySerializationService> requireService() {
+        auto service = getVeldraDataArraySerializationService();
+        if (!service) {
+            throw std::runtime_error("Missing Veldra Data Array serialization support.");
+        }
+        return service;
+    }
+
+    template <class Archive>
+    static void saveList(Archive& ar, const std::vector<foundation::extdata::Array>& arrays) {
+        auto service = requireService();
+        std::uint64_t count = arrays.size();
+        ar << boost::serialization::make_nvp("NoOfElement", count);
+        for (auto& a : arrays) {
+            saveBytes(ar, *service, a);
+        }
+    }
+
+    template <class Archive>
+    static void loadList(Archive& ar, std::vector<foundation::extdata::Array>& arrays) {
+        auto service = requireService();
+        std::uint64_t count = 0;
+        ar >> boost::serialization::make_nvp("NoOfElement", count);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            arrays.push_back(loadBytes(ar, *service));
+            if (arrays.back().getType() == 0) {
+                break; // a zero length ends the list, whatever the count said
+            }
+        }
+    }
+
+    template <class Archive>
+    static void saveOne(Archive& ar, const foundation::extdata::Array& array) {
+        auto service = requireService();
+        saveBytes(ar, *service, array);
+    }
+
+    template <class Archive> static foundation::extdata::Array loadOne(Archive& ar) {
+        auto service = requireService();
+        return loadBytes(ar, *service);
+    }
+
+private:
+    template <class Archive>
+    static void saveBytes(Archive& ar, VeldraDataArraySerializationService& service,
+                          const foundation::extdata::Array& array) {
+        std::ostringstream out;
+        try {
+            service.serializeDataArray(array, out);
+        } catch (const std::runtime_error&) {
+            // An array the service cannot write travels with what was written, usually nothing.
+        }
+        auto bytes = out.str();
+        std::uint64_t length = bytes.size();
+        ar << boost::serialization::make_nvp("PayLoadLength", length);
+        if (length) {
+            ar.save_binary(bytes.data(), bytes.size());
+        }
+    }
+
+    template <class Archive>
+    static foundation::extdata::Array loadBytes(Archive& ar,
+                                                VeldraDataArraySerializationService& service) {
+        std::uint64_t length = 0;
+        ar >> boost::serialization::make_nvp("PayLoadLength", length);
+        if (length == 0) {
+            return foundation::extdata::Array();
+        }
+        std::string bytes;
+        if (length > bytes.max_size()) {
+            throw std::runtime_error("Data array payload length out of range.");
+        }
+        bytes.resize(static_cast<std::size_t>(length));
+        ar.load_binary(&bytes[0], bytes.size());
+        std::istringstream in(std::move(bytes));
+        return service.deserializeDataArray(in);
+    }
+};
+
+} // namespace cmddistributor
+} // namespace quorl

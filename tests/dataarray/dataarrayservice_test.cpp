@@ -1,0 +1,218 @@
+// Each scenario that runs a framework runs in a fresh process (a death-test child), because the
+// install step of the lookup happens once per process.
+#include <quorl/cmddistributor/dataarraypayload.hpp>
+
+#include <foundation/cppmicroservices/framework.hpp>
+
+#include <boost/archive/binary_iarchive.hpp>
+#include <boost/archive/binary_oarchive.hpp>
+#include <boost/archive/text_iarchive.hpp>
+#include <boost/archive/text_oarchive.hpp>
+#include <boost/filesystem.hpp>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iostream>
+
+using foundation::extdata::Array;
+using quorl::cmddistributor::DataArrayPayload;
+using quorl::cmddistributor::getVeldraDataArraySerializationService;
+namespace fs = boost::filesystem;
+
+namespace {
+
+const char* const Missing = "Missing Veldra Data Array serialization support.";
+
+// A bundle root whose plug-in folder holds one manifest per (file name, library, method).
+struct PluginRoot {
+    fs::path root = fs::temp_directory_path() / fs::unique_path("dataarray-%%%%-%%%%");
+    fs::path folder = root / "bin" / "win64" / "serializer_plugins";
+
+    PluginRoot() { fs::create_directories(folder); }
+    ~PluginRoot() {
+        boost::system::error_code ec;
+        fs::remove_all(root, ec);
+    }
+    void add(const std::string& file, const std::string& library, const std::string& method,
+             const std::string& type = "foundation::extdata::Array") {
+        std::ofstream out((folder / file).string());
+        out << "bundle.library=" << library << "\nzn.serialization.for_type=" << type
+            << "\nzn.serialization.method=" << method << "\n";
+    }
+};
+
+// Runs body in a fresh process; a failed expectation there fails the child's exit code and
+// its output shows up in this test's report.
+template <class Body> void inFreshProcess(Body body) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            body();
+            std::exit(::testing::Test::HasFailure() ? 1 : 0);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+std::string nameWrittenBy(quorl::cmddistributor::VeldraDataArraySerializationService& s) {
+    std::ostringstream out;
+    s.serializeDataArray(Array::createScalar(1.0), out);
+    return out.str();
+}
+
+cppmicroservices::Bundle::State stateOf(const std::string& manifest) {
+    for (auto& b : foundation::cppmicroservices::getFramework()->GetBundles()) {
+        if (fs::path(b.GetLocation()).filename() == manifest) {
+            return b.GetState();
+        }
+    }
+    ADD_FAILURE() << manifest << " not installed";
+    return cppmicroservices::Bundle::STATE_UNINSTALLED;
+}
+
+Array sample() {
+    auto text = Array::createChar(u"caf\u00e9");
+    auto cell = Array::createCell({1, 3}, {Array::createString({1, 2}, {u"a", u"\u4e2d"}),
+                                           Array::createLogical({1, 2}, {true, false}), Array()});
+    auto s = Array::createStruct({1, 2}, {"x", "name"},
+                                 {Array::create<std::int32_t>({1, 2}, {-1, 7}), text,
+                                  Array::createScalar<std::uint64_t>(1ull << 63), cell});
+    return Array::createCell({2, 1}, {s, Array::create<double>({2, 2}, {1.5, -2, 1e300, 0})});
+}
+
+template <class OArchive, class IArchive> void roundTripList() {
+    std::vector<Array> in{sample(), Array::createZeros(foundation::extdata::SINGLE, {3, 0, 2}),
+                          Array::createScalar<std::int8_t>(-5)};
+    std::stringstream bytes;
+    {
+        OArchive oa(bytes);
+        DataArrayPayload::saveList(oa, in);
+        DataArrayPayload::saveOne(oa, sample());
+    }
+    IArchive ia(bytes);
+    std::vector<Array> out;
+    DataArrayPayload::loadList(ia, out);
+    EXPECT_EQ(out, in);
+    EXPECT_EQ(DataArrayPayload::loadOne(ia), sample());
+}
+
+} // namespace
+
+TEST(DataArrayService, WithoutFrameworkEveryPayloadFailsFirst) {
+    ASSERT_FALSE(foundation::cppmicroservices::getFramework());
+    EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
+    EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
+
+    std::stringstream empty;
+    {
+        boost::archive::binary_oarchive oa(empty);
+        std::uint64_t none = 0;
+        oa << none;
+        auto expectMissing = [](auto&& f) {
+            try {
+                f();
+                ADD_FAILURE() << "no error";
+            } catch (const std::runtime_error& e) {
+                EXPECT_STREQ(e.what(), Missing);
+            }
+        };
+        auto before = empty.str().size();
+        expectMissing([&] { DataArrayPayload::saveList(oa, std::vector<Array>{}); });
+        expectMissing([&] { DataArrayPayload::saveOne(oa, Array()); });
+        EXPECT_EQ(empty.str().size(), before) << "nothing may be written";
+
+        boost::archive::binary_iarchive ia(empty);
+        std::vector<Array> arrays;
+        expectMissing([&] { DataArrayPayload::loadList(ia, arrays); });
+        expectMissing([&] { DataArrayPayload::loadOne(ia); });
+        std::uint64_t stillThere = 1;
+        ia >> stillThere; // the reader failed before taking anything from the archive
+        EXPECT_EQ(stillThere, 0u);
+    }
+}
+
+TEST(DataArrayService, InstalledPluginServesPayloadsInBinaryAndTextArchives) {
+    inFreshProcess([] {
+        // The default bundle root is the installation root, where the build puts the plug-in.
+        foundation::cppmicroservices::startFramework();
+        auto service = getVeldraDataArraySerializationService();
+        ASSERT_NE(service, nullptr);
+        EXPECT_EQ(getVeldraDataArraySerializationService(), service);
+
+        roundTripList<boost::archive::binary_oarchive, boost::archive::binary_iarchive>();
+        roundTripList<boost::archive::text_oarchive, boost::archive::text_iarchive>();
+
+        // An array too large for the plug-in travels as length 0, and a zero length ends a list
+        // on reading: what follows it stays unread.
+        auto mb = Array::createZeros(foundation::extdata::UINT8, {1, 1 << 20});
+        auto huge = Array::createCell({1, 2100}, std::vector<Array>(2100, mb));
+        std::stringstream bytes;
+        {
+            boost::archive::binary_oarchive oa(bytes);
+            DataArrayPayload::saveList(oa,
+                                       {Array::createScalar(1.0), huge, Array::createScalar(2.0)});
+        }
+        boost::archive::binary_iarchive ia(bytes);
+        std::vector<Array> out;
+        DataArrayPayload::loadList(ia, out);
+        EXPECT_EQ(out, (std::vector<Array>{Array::createScalar(1.0), Array()}));
+    });
+}
+
+TEST(DataArrayService, FirstMatchingBundleStartsOthersAreSkipped) {
+    inFreshProcess([] {
+        PluginRoot dir;
+        dir.add("a_other.manifest", TEST_BUNDLE_OTHER, "json");
+        dir.add("b_wrongtype.manifest", TEST_BUNDLE_OTHER, "protobuf", "hvArray");
+        dir.add("c_first.manifest", TEST_BUNDLE_FIRST, "protobuf");
+        dir.add("d_second.manifest", TEST_BUNDLE_SECOND, "protobuf");
+        foundation::cppmicroservices::startFramework(dir.root);
+        auto service = getVeldraDataArraySerializationService();
+        ASSERT_NE(service, nullptr);
+        EXPECT_EQ(nameWrittenBy(*service), "first");
+        EXPECT_EQ(stateOf("c_first.manifest"), cppmicroservices::Bundle::STATE_ACTIVE);
+        EXPECT_EQ(stateOf("d_second.manifest"), cppmicroservices::Bundle::STATE_INSTALLED);
+        EXPECT_EQ(stateOf("a_other.manifest"), cppmicroservices::Bundle::STATE_INSTALLED);
+        EXPECT_EQ(stateOf("b_wrongtype.manifest"), cppmicroservices::Bundle::STATE_INSTALLED);
+
+        // The service keeps its bundle's library loaded after the framework has stopped.
+        foundation::cppmicroservices::stopFramework();
+        EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
+        EXPECT_EQ(nameWrittenBy(*service), "first");
+    });
+}
+
+TEST(DataArrayService, NoMatchSpendsTheInstallStep) {
+    inFreshProcess([] {
+        PluginRoot dir;
+        dir.add("a_other.manifest", TEST_BUNDLE_OTHER, "json");
+        foundation::cppmicroservices::startFramework(dir.root);
+        EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
+        EXPECT_EQ(stateOf("a_other.manifest"), cppmicroservices::Bundle::STATE_INSTALLED);
+        // A matching bundle that appears later is not installed: the step ran once.
+        dir.add("b_first.manifest", TEST_BUNDLE_FIRST, "protobuf");
+        EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
+        EXPECT_EQ(foundation::cppmicroservices::getFramework()->GetBundles().size(), 1u);
+    });
+}
+
+TEST(DataArrayService, InstallAndStartFailuresReachTheCaller) {
+    inFreshProcess([] {
+        PluginRoot dir;
+        dir.add("a_missing.manifest", "/nonexistent/libnothing.so", "protobuf");
+        foundation::cppmicroservices::startFramework(dir.root);
+        EXPECT_THROW(getVeldraDataArraySerializationService(), std::runtime_error);
+    });
+    inFreshProcess([] {
+        PluginRoot dir;
+        std::ofstream((dir.folder / "broken.manifest").string()) << "no key value here\n";
+        foundation::cppmicroservices::startFramework(dir.root);
+        try {
+            getVeldraDataArraySerializationService();
+            ADD_FAILURE() << "no error";
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find("broken.manifest line 1"), std::string::npos)
+                << e.what();
+        }
+    });
+}
