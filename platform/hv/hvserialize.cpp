@@ -210,10 +210,14 @@ struct Reader {
         return static_cast<std::size_t>(n);
     }
 
+    // Names never hold NUL: they are handed out as C strings.
     std::string text(const char* what) {
         std::size_t n = count(what);
         std::string s(reinterpret_cast<const char*>(p), n);
         p += n;
+        if (s.find('\0') != std::string::npos) {
+            corrupt(std::string(what) + " holds a NUL character");
+        }
         return s;
     }
 };
@@ -310,8 +314,11 @@ HvArrayPtr readObject(Reader& in, std::vector<std::size_t> dims, std::size_t n, 
         return array;
     }
     std::vector<std::string> props = readNames(in, "property name");
-    std::size_t slots = slotCount(n, props.size(), in);
-    (void)slots;
+    slotCount(n, props.size(), in);
+    // The class may have properties the bytes do not carry; its slots must still be justified.
+    if (!cls->properties.empty() && n > in.left()) {
+        corrupt("more objects than data left");
+    }
     HvArrayPtr array(newObjectArrayForLoad(cls, std::move(dims)));
     const std::size_t width = array->data->fields.size();
     std::vector<std::size_t> target(props.size(), static_cast<std::size_t>(-1));
@@ -460,7 +467,14 @@ hvArray* hvDeserialize(const void* data, std::size_t size) {
         throw std::runtime_error("hvDeserialize: the data was written with another byte order");
     }
     in.p += kHeaderSize;
-    HvArrayPtr array = readValue(in, 0);
+    HvArrayPtr array;
+    try {
+        array = readValue(in, 0);
+    } catch (const std::logic_error& e) {
+        // A check of the array functions that the reader's own checks did not foresee (or an
+        // opaque class's load): the bytes are still what is wrong.
+        corrupt(e.what());
+    }
     if (in.left() != 0) {
         corrupt(std::to_string(in.left()) + " bytes after the array");
     }

@@ -252,6 +252,20 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
     deep.push_back(0);
     rejects(with(deep), "levels deep");
     rejects(with({2, 0, 2, 1, 1, 2, 1, 'a', 1, 'a', 0, 0}), "duplicate name");
+    // Found by the fuzzer: a million objects of a class with properties, carrying none.
+    const char* props[] = {"p"};
+    hvClassDef def;
+    def.name = "test.OneProp";
+    def.properties = props;
+    def.nproperties = 1;
+    hvDefineClass(def);
+    std::vector<std::uint8_t> objects = {18, 0, 2, 0xc0, 0x84, 0x3d, 1, 12};
+    objects.insert(objects.end(), def.name, def.name + 12);
+    objects.push_back(0);
+    rejects(with(objects), "more objects than data left");
+    // A function name with a NUL inside, found by the fuzzer.
+    rejects(with({16, 0, 2, 1, 1, 2, 'a', 0, 0}), "NUL");
+    rejects(with({16, 0, 2, 1, 1, 1, 0, 0}), "NUL");
     EXPECT_THROW(hvDeserialize(nullptr, 3), std::invalid_argument);
 }
 
