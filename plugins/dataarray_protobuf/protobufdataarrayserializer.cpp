@@ -222,14 +222,124 @@ void ProtobufDataArraySerializer::serializeDataArray(const fx::Array& array, std
     }
 }
 
+namespace {
+
+bool readVarint(std::istream& in, std::uint64_t& value, std::string* copy) {
+    value = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+        auto c = in.get();
+        if (c == std::char_traits<char>::eof()) {
+            if (shift == 0) {
+                return false; // clean end of the message
+            }
+            invalid("truncated number");
+        }
+        if (copy) {
+            copy->push_back(static_cast<char>(c));
+        }
+        value |= static_cast<std::uint64_t>(c & 0x7f) << shift;
+        if (!(c & 0x80)) {
+            return true;
+        }
+    }
+    invalid("overlong number");
+}
+
+void readBytes(std::istream& in, char* to, std::size_t n) {
+    if (n && !in.read(to, static_cast<std::streamsize>(n))) {
+        invalid("truncated field");
+    }
+}
+
+// Bytes left in a seekable stream, or the message limit when the stream cannot tell.
+std::uint64_t remaining(std::istream& in) {
+    auto here = in.tellg();
+    if (here == std::istream::pos_type(-1)) {
+        in.clear();
+        return MaxMessageBytes;
+    }
+    in.seekg(0, std::ios::end);
+    auto end = in.tellg();
+    in.seekg(here);
+    if (end == std::istream::pos_type(-1) || !in) {
+        in.clear();
+        return MaxMessageBytes;
+    }
+    return static_cast<std::uint64_t>(end - here);
+}
+
+} // namespace
+
 fx::Array ProtobufDataArraySerializer::deserializeDataArray(std::istream& in) {
-    google::protobuf::io::IstreamInputStream input(&in, 1 << 16);
-    ArrayMessage m;
-    if (!m.ParseFromZeroCopyStream(&input)) {
-        invalid("not an array message");
+    // The top level of the message is framed here so that the element block goes from the
+    // stream straight into the array's storage; every other field is collected and parsed by
+    // Protocol Buffers, which checks the nested messages.
+    std::uint64_t left = remaining(in);
+    if (left > MaxMessageBytes) {
+        invalid("more bytes than a message may hold");
+    }
+    std::string rest;
+    std::string block;
+    bool haveBlock = false;
+    std::uint64_t tag = 0;
+    for (auto mark = rest.size(); readVarint(in, tag, &rest); mark = rest.size()) {
+        auto field = tag >> 3;
+        auto wireType = tag & 7;
+        if (field == 0 || field > 0x1fffffff) {
+            invalid("bad field number");
+        }
+        std::uint64_t n = 0;
+        switch (wireType) {
+        case 0:
+            if (!readVarint(in, n, &rest)) {
+                invalid("truncated number");
+            }
+            break;
+        case 1:
+        case 5: {
+            char fixed[8];
+            readBytes(in, fixed, wireType == 1 ? 8 : 4);
+            rest.append(fixed, wireType == 1 ? 8 : 4);
+            break;
+        }
+        case 2: {
+            if (field == ArrayMessage::kDataFieldNumber) {
+                rest.resize(mark); // the block is not copied into the rest
+                if (!readVarint(in, n, nullptr)) {
+                    invalid("truncated length");
+                }
+                if (n > left) {
+                    invalid("a field longer than the message");
+                }
+                block.resize(static_cast<std::size_t>(n));
+                readBytes(in, &block[0], block.size());
+                haveBlock = true;
+                break;
+            }
+            if (!readVarint(in, n, &rest)) {
+                invalid("truncated length");
+            }
+            if (n > left) {
+                invalid("a field longer than the message");
+            }
+            auto at = rest.size();
+            rest.resize(at + static_cast<std::size_t>(n));
+            readBytes(in, &rest[at], static_cast<std::size_t>(n));
+            break;
+        }
+        default:
+            invalid("unsupported wire type");
+        }
     }
     if (in.bad()) {
         throw std::runtime_error("Cannot read the data array bytes from the stream.");
+    }
+    ArrayMessage m;
+    if (!m.ParseFromString(rest)) {
+        invalid("not an array message");
+    }
+    if (haveBlock) {
+        m.mutable_data()->swap(block);
     }
     return toArray(m);
 }
