@@ -1,0 +1,489 @@
+#include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
+#include <foundation/msg_svc/eventmgr/flushmessage.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/shutdown/shutdown.hpp>
+#include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
+
+#include <foundation/core/log/diagnosticlogger.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+namespace foundation {
+namespace msg_svc {
+namespace eventmgr {
+
+namespace log = foundation::core::log;
+
+namespace {
+log::diagnostic_logger& logger() {
+    static log::diagnostic_logger l("foundation::msg_svc::eventmgr");
+    return l;
+}
+} // namespace
+
+namespace detail {
+
+typedef EventMgrFront::MutexGetter MutexGetter;
+
+struct Subscription {
+    Subscription(EventMgr::Callback cb, std::unique_ptr<SubscriptionCount> c, std::uint64_t s)
+        : callback(std::move(cb)), count(std::move(c)), tags(count->matchTags()), seq(s) {}
+    EventMgr::Callback callback;
+    std::unique_ptr<SubscriptionCount> count;
+    TagVector tags; // delivered events hold all of these
+    std::uint64_t seq;
+    std::atomic<bool> alive{true};
+
+    // Ends the subscription once; true for the call that ended it.
+    bool end() {
+        if (!alive.exchange(false))
+            return false;
+        count->decrementSubscriptionCount();
+        return true;
+    }
+};
+
+typedef std::shared_ptr<Subscription> SubscriptionPtr;
+// Subscriptions by their first tag. Replaced, never changed, once published (copy on write).
+typedef std::unordered_map<ustring, std::vector<SubscriptionPtr>> Table;
+
+// One identity's subscriptions and event thread.
+class Hub : public std::enable_shared_from_this<Hub> {
+public:
+    explicit Hub(EmID id) : id_(id), table_(std::make_shared<Table const>()) {}
+    ~Hub() { stop(); }
+
+    EmID const& id() const { return id_; }
+
+    SubscriptionPtr add(EventMgr::Callback const& cb, std::unique_ptr<SubscriptionCount> count) {
+        count->incrementSubscriptionCount();
+        std::lock_guard<std::mutex> lock(tableMutex_);
+        auto sub = std::make_shared<Subscription>(cb, std::move(count), nextSeq_++);
+        auto table = std::make_shared<Table>(*table_);
+        ustring const key = sub->tags.empty() ? ustring() : sub->tags.front();
+        (*table)[key].push_back(sub);
+        table_ = table;
+        return sub;
+    }
+
+    void remove(SubscriptionPtr const& sub) {
+        std::lock_guard<std::mutex> lock(tableMutex_);
+        ustring const key = sub->tags.empty() ? ustring() : sub->tags.front();
+        auto it = table_->find(key);
+        if (it == table_->end())
+            return;
+        auto table = std::make_shared<Table>(*table_);
+        auto& list = (*table)[key];
+        list.erase(std::remove(list.begin(), list.end(), sub), list.end());
+        if (list.empty())
+            table->erase(key);
+        table_ = table;
+    }
+
+    void publish(boost::shared_ptr<BaseEvent const> const& event,
+                 std::shared_ptr<MutexGetter const> const& getter) {
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            if (stopping_)
+                return;
+            if (!thread_.joinable())
+                start();
+            queue_.push_back(Item{event, getter});
+            ++enqueued_;
+        }
+        wake_.notify_one();
+    }
+
+    void flush(MutexGetter const* getter) {
+        if (onEventThread())
+            return; // the events before this call are being delivered by the caller
+        std::uint64_t target;
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            target = enqueued_;
+            if (dispatched_ >= target)
+                return;
+        }
+        // Give the subscribers' mutex up before waiting, and take it back after the queue's
+        // lock is gone, so that no thread waits for one while holding the other.
+        boost::shared_ptr<threadutil::CountedMutex> held;
+        if (getter && *getter)
+            held = (*getter)();
+        threadutil::ReleaseCountedMutexGuard release(held);
+        std::unique_lock<std::mutex> lock(queueMutex_);
+        done_.wait(lock, [&] { return dispatched_ >= target || stopping_; });
+    }
+
+    bool onEventThread() const { return std::this_thread::get_id() == threadId_.load(); }
+
+    void stop() {
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            if (stopping_)
+                return;
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        done_.notify_all();
+        if (!thread_.joinable())
+            return;
+        // A subscriber blocked forever must not hang the process's exit.
+        if (thread_.get_id() == std::this_thread::get_id() ||
+            shutdown::isProcessTerminating() ||
+            exited_.wait_for(std::chrono::seconds(2)) != std::future_status::ready)
+            thread_.detach();
+        else
+            thread_.join();
+    }
+
+private:
+    struct Item {
+        boost::shared_ptr<BaseEvent const> event;
+        std::shared_ptr<MutexGetter const> getter;
+    };
+
+    void start() {
+        std::promise<void> exited;
+        exited_ = exited.get_future();
+        thread_ = std::thread([this, p = std::move(exited)]() mutable {
+            threadId_.store(std::this_thread::get_id());
+            run();
+            p.set_value();
+        });
+    }
+
+    void run() {
+        std::vector<SubscriptionPtr> targets;
+        for (;;) {
+            Item item;
+            {
+                std::unique_lock<std::mutex> lock(queueMutex_);
+                wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+                if (stopping_)
+                    return;
+                item = std::move(queue_.front());
+                queue_.pop_front();
+            }
+            dispatch(*item.event, item.getter.get(), targets);
+            item = Item();
+            {
+                std::lock_guard<std::mutex> lock(queueMutex_);
+                ++dispatched_;
+            }
+            done_.notify_all();
+        }
+    }
+
+    void dispatch(BaseEvent const& event, MutexGetter const* getter,
+                  std::vector<SubscriptionPtr>& targets) {
+        std::shared_ptr<Table const> table;
+        {
+            std::lock_guard<std::mutex> lock(tableMutex_);
+            table = table_;
+        }
+        if (table->empty())
+            return;
+        TagRange tags = event.getTypeInformation().getTags();
+        targets.clear();
+        for (auto t = tags.begin(); t != tags.end(); ++t) {
+            if (std::find(tags.begin(), t, *t) != t)
+                continue; // a repeated tag: its subscriptions are collected already
+            auto it = table->find(*t);
+            if (it == table->end())
+                continue;
+            for (auto const& sub : it->second) {
+                bool all = true;
+                for (auto const& need : sub->tags) {
+                    if (std::find(tags.begin(), tags.end(), need) == tags.end()) {
+                        all = false;
+                        break;
+                    }
+                }
+                if (all)
+                    targets.push_back(sub);
+            }
+        }
+        if (targets.empty())
+            return;
+        std::sort(targets.begin(), targets.end(),
+                  [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->seq < b->seq; });
+        boost::shared_ptr<threadutil::CountedMutex> mutex;
+        if (getter && *getter)
+            mutex = (*getter)();
+        if (mutex)
+            mutex->lock();
+        for (auto const& sub : targets) {
+            if (!sub->alive.load())
+                continue;
+            try {
+                sub->callback(event);
+            } catch (std::exception const& e) {
+                ZN_LOG(logger(), log::error) << "a subscriber threw: " << e.what();
+            } catch (...) {
+                ZN_LOG(logger(), log::error) << "a subscriber threw a non-standard exception";
+            }
+        }
+        if (mutex)
+            mutex->unlock();
+        targets.clear();
+    }
+
+    EmID const id_;
+    std::mutex tableMutex_;             // guards table_ (the pointer) and nextSeq_
+    std::shared_ptr<Table const> table_;
+    std::uint64_t nextSeq_ = 1;
+    std::mutex queueMutex_;             // guards queue_, counters, stopping_, thread_ start
+    std::condition_variable wake_;
+    std::condition_variable done_;
+    std::deque<Item> queue_;
+    std::uint64_t enqueued_ = 0;
+    std::uint64_t dispatched_ = 0;
+    bool stopping_ = false;
+    std::thread thread_;
+    std::atomic<std::thread::id> threadId_{};
+    std::future<void> exited_;
+};
+
+namespace {
+struct HubRegistry {
+    std::mutex mutex; // guards hubs and defaultGetter
+    std::unordered_map<EmID, std::shared_ptr<Hub>> hubs;
+    std::shared_ptr<MutexGetter const> defaultGetter;
+    ~HubRegistry() {
+        std::unordered_map<EmID, std::shared_ptr<Hub>> h;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            h.swap(hubs);
+        }
+        for (auto& e : h)
+            e.second->stop();
+    }
+};
+HubRegistry& registry() {
+    static HubRegistry r;
+    return r;
+}
+} // namespace
+
+std::shared_ptr<Hub> hubFor(EmID const& id) {
+    HubRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto& hub = r.hubs[id];
+    if (!hub)
+        hub = std::make_shared<Hub>(id);
+    return hub;
+}
+
+std::vector<std::shared_ptr<Hub>> allHubs() {
+    HubRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    std::vector<std::shared_ptr<Hub>> v;
+    for (auto& e : r.hubs)
+        v.push_back(e.second);
+    return v;
+}
+
+std::shared_ptr<MutexGetter const> defaultGetter() {
+    HubRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    return r.defaultGetter;
+}
+
+// The subscriptions made through one front, so that terminate() can end them.
+class FrontState {
+public:
+    void track(std::weak_ptr<Subscription> const& sub) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        subs_.erase(std::remove_if(subs_.begin(), subs_.end(),
+                                   [](std::weak_ptr<Subscription> const& w) { return w.expired(); }),
+                    subs_.end());
+        subs_.push_back(sub);
+    }
+    std::vector<std::weak_ptr<Subscription>> terminate() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        terminated_ = true;
+        return std::move(subs_);
+    }
+    bool terminated() const { return terminated_.load(); }
+
+private:
+    std::mutex mutex_; // guards subs_
+    std::vector<std::weak_ptr<Subscription>> subs_;
+    std::atomic<bool> terminated_{false};
+};
+
+class HubConnection : public Connection {
+public:
+    HubConnection(std::weak_ptr<Hub> hub, std::weak_ptr<Subscription> sub)
+        : hub_(std::move(hub)), sub_(std::move(sub)) {}
+    ~HubConnection() override { disconnect(); }
+    void disconnect() override {
+        auto sub = sub_.lock();
+        sub_.reset();
+        if (!sub || !sub->end())
+            return;
+        if (auto hub = hub_.lock())
+            hub->remove(sub);
+    }
+    bool connected() const override {
+        auto sub = sub_.lock();
+        return sub && sub->alive.load();
+    }
+
+private:
+    std::weak_ptr<Hub> hub_;
+    std::weak_ptr<Subscription> sub_;
+};
+
+class CountWatch : public WatchToken {
+public:
+    explicit CountWatch(std::unique_ptr<SubscriptionCount> c) : count_(std::move(c)) {}
+    bool hasSubscriptions() const override { return count_->hasSubscriptions(); }
+    std::uint64_t getSubscriptionCount() const override { return count_->getSubscriptionCount(); }
+    static void* operator new(std::size_t size) { return allocateCountObject(size); }
+    static void operator delete(void* p, std::size_t size) noexcept { releaseCountObject(p, size); }
+
+private:
+    std::unique_ptr<SubscriptionCount> count_;
+};
+
+} // namespace detail
+
+EventMgr::~EventMgr() = default;
+
+EventMgrFront::EventMgrFront(MutexGetter const& mutexGetter, EmID const& emId)
+    : mutexGetter_(mutexGetter ? std::make_shared<MutexGetter const>(mutexGetter) : nullptr),
+      emId_(emId), remoteEmId_(emId), hub_(detail::hubFor(emId)),
+      state_(std::make_shared<detail::FrontState>()) {}
+
+EventMgrFront::EventMgrFront(std::string const& remoteExchange, MutexGetter const& mutexGetter,
+                             EmID const& emId, EmID const& remoteEmId)
+    : remoteExchange_(remoteExchange),
+      mutexGetter_(mutexGetter ? std::make_shared<MutexGetter const>(mutexGetter) : nullptr),
+      emId_(emId), remoteEmId_(remoteEmId), hub_(detail::hubFor(emId)),
+      state_(std::make_shared<detail::FrontState>()) {
+    if (remoteExchange_.empty())
+        throw std::invalid_argument("a remote event manager needs an exchange name");
+}
+
+EventMgrFront::~EventMgrFront() = default;
+
+bool EventMgrFront::isEventThread() const {
+    return hub_->onEventThread();
+}
+
+void EventMgrFront::flush() {
+    if (!isRemote()) {
+        hub_->flush(mutexGetter_.get());
+        return;
+    }
+    auto exchange = exchange::ExchangeApi::instance();
+    if (remoteExchange_ == exchange->getExchangeName()) {
+        detail::hubFor(remoteEmId_)->flush(mutexGetter_.get());
+        return;
+    }
+    auto future = exchange->submitWithReply(boost::make_shared<detail::FlushMessage>(remoteEmId_),
+                                            exchange::Address(remoteExchange_,
+                                                              exchange::Address::SpecializedQueues::noqueue()));
+    boost::shared_ptr<threadutil::CountedMutex> held;
+    if (mutexGetter_ && *mutexGetter_)
+        held = (*mutexGetter_)();
+    threadutil::ReleaseCountedMutexGuard release(held);
+    future.get();
+}
+
+bool EventMgrFront::equalTo(EventMgr const& other) const {
+    auto const* o = dynamic_cast<EventMgrFront const*>(&other);
+    return o && o->remoteExchange_ == remoteExchange_ && o->emId_ == emId_ &&
+           o->remoteEmId_ == remoteEmId_;
+}
+
+std::uint64_t EventMgrFront::hash() const {
+    std::uint64_t h = emId_.value() * 1000003u ^ remoteEmId_.value();
+    return h ^ std::hash<std::string>()(remoteExchange_);
+}
+
+void EventMgrFront::terminate() {
+    for (auto& w : state_->terminate()) {
+        if (auto sub = w.lock()) {
+            if (sub->end())
+                hub_->remove(sub);
+        }
+    }
+}
+
+std::unique_ptr<Connection> EventMgrFront::addSubscription(Callback const& callback,
+                                                           CountFactory factory, TagIterator begin,
+                                                           TagIterator end) {
+    if (!callback)
+        throw std::invalid_argument("addSubscription: empty callback");
+    if (!factory)
+        throw std::invalid_argument("addSubscription: no subscription count factory");
+    if (state_->terminated())
+        throw std::logic_error("addSubscription: the event manager was terminated");
+    auto sub = hub_->add(callback, factory(begin, end, std::string()));
+    state_->track(sub);
+    return std::unique_ptr<Connection>(new detail::HubConnection(hub_, sub));
+}
+
+std::unique_ptr<WatchToken> EventMgrFront::addWatch(CountFactory factory, TagIterator begin,
+                                                    TagIterator end) {
+    return std::unique_ptr<WatchToken>(new detail::CountWatch(factory(begin, end, std::string())));
+}
+
+void EventMgrFront::doNotify(boost::shared_ptr<BaseEvent const> const& event, DeliverMode mode) {
+    if (!event)
+        throw std::invalid_argument("notify: null event");
+    if (state_->terminated())
+        return;
+    if (!isRemote()) {
+        hub_->publish(event, mutexGetter_);
+        return;
+    }
+    auto exchange = exchange::ExchangeApi::instance();
+    if (remoteExchange_ == exchange->getExchangeName()) {
+        detail::hubFor(remoteEmId_)->publish(event, mutexGetter_);
+        return;
+    }
+    if (!event->canBeSerialized()) {
+        ZN_LOG(logger(), log::info) << "an event that cannot be serialized was not sent to '"
+                                    << remoteExchange_ << "'";
+        return;
+    }
+    exchange->submit(boost::make_shared<detail::EventMessage>(remoteEmId_, event, mode),
+                     exchange::Address(remoteExchange_,
+                                       exchange::Address::SpecializedQueues::noqueue()));
+}
+
+void publishLocally(EmID const& emId, boost::shared_ptr<BaseEvent const> const& event) {
+    detail::hubFor(emId)->publish(event, detail::defaultGetter());
+}
+
+void publishToAllIdentities(boost::shared_ptr<BaseEvent const> const& event) {
+    auto getter = detail::defaultGetter();
+    detail::hubFor(SessionEmId); // the session always hears it
+    for (auto& hub : detail::allHubs())
+        hub->publish(event, getter);
+}
+
+void flushLocally(EmID const& emId) {
+    auto getter = detail::defaultGetter();
+    detail::hubFor(emId)->flush(getter.get());
+}
+
+void setDefaultMutexGetter(EventMgrFront::MutexGetter const& getter) {
+    auto& r = detail::registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.defaultGetter = getter ? std::make_shared<EventMgrFront::MutexGetter const>(getter) : nullptr;
+}
+
+} // namespace eventmgr
+} // namespace msg_svc
+} // namespace foundation

@@ -1,0 +1,292 @@
+#include <foundation/msg_svc/serialization/archives.hpp>
+
+#include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
+#include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+
+#include <boost/serialization/base_object.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace foundation::msg_svc;
+using namespace foundation::msg_svc::exchange;
+using std::chrono::seconds;
+
+namespace {
+
+// Records the thread and order of deliveries.
+struct Journal {
+    std::mutex mutex;
+    std::vector<int> order;
+    std::vector<bool> onDeliveryThread;
+};
+Journal journal;
+
+class TestReply : public Reply {
+public:
+    explicit TestReply(int v = 0) : value(v) {}
+    int value;
+    static void assignToPromise(
+        boost::shared_ptr<boost::promise<boost::shared_ptr<TestReply const>>> const& p,
+        boost::shared_ptr<Reply const> const& r) {
+        p->set_value(boost::dynamic_pointer_cast<TestReply const>(r));
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A>
+    void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("reply", boost::serialization::base_object<Reply>(*this));
+        ar& boost::serialization::make_nvp("value", value);
+    }
+};
+
+// Echoes its number times ten; records where it was delivered; optionally blocks on a gate.
+class EchoMessage : public Message {
+public:
+    explicit EchoMessage(int n = 0, bool fail = false) : n_(n), fail_(fail) {}
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        {
+            std::lock_guard<std::mutex> lock(journal.mutex);
+            journal.order.push_back(n_);
+            journal.onDeliveryThread.push_back(ExchangeApi::instance()->isDeliveryThread());
+        }
+        if (fail_)
+            throw std::runtime_error("echo refused " + std::to_string(n_));
+        return boost::make_shared<TestReply>(n_ * 10);
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A>
+    void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("message",
+                                           boost::serialization::base_object<Message>(*this));
+        ar& boost::serialization::make_nvp("n", n_);
+        ar& boost::serialization::make_nvp("fail", fail_);
+    }
+    int n_;
+    bool fail_;
+};
+
+// Blocks its delivery until released.
+struct Gate {
+    std::mutex m;
+    std::condition_variable cv;
+    bool open = false;
+    void release() {
+        {
+            std::lock_guard<std::mutex> l(m);
+            open = true;
+        }
+        cv.notify_all();
+    }
+    void wait() {
+        std::unique_lock<std::mutex> l(m);
+        cv.wait(l, [&] { return open; });
+    }
+};
+
+class GateMessage : public Message {
+public:
+    explicit GateMessage(std::shared_ptr<Gate> g) : gate(std::move(g)) {}
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        gate->wait();
+        return Reply::defaultReply();
+    }
+    std::shared_ptr<Gate> gate;
+};
+
+// Sends a message to its own exchange on the unordered lane and waits for the reply while
+// being delivered itself: must not stall delivery.
+class NestedMessage : public Message {
+public:
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        auto ex = ExchangeApi::instance();
+        auto f = ex->submitWithReply(boost::make_shared<EchoMessage>(7),
+                                     Address(ex->getExchangeName(),
+                                             Address::SpecializedQueues::unordered()));
+        return f.get();
+    }
+};
+
+struct TestActorApi {
+    virtual ~TestActorApi() = default;
+    virtual boost::shared_ptr<Reply const> serve(class ActorPing const& m) = 0;
+};
+
+class ActorPing : public ActorMessage<ActorPing, TestActorApi> {
+public:
+    explicit ActorPing(int v = 0) : value(v) {}
+    int value;
+};
+
+struct CountingActor : TestActorApi {
+    std::atomic<int> sum{0};
+    std::thread::id thread;
+    boost::shared_ptr<Reply const> serve(ActorPing const& m) override {
+        sum += m.value;
+        thread = std::this_thread::get_id();
+        return boost::make_shared<TestReply>(sum.load());
+    }
+};
+
+Address own(std::string const& queue = Address::SpecializedQueues::noqueue()) {
+    return Address(ExchangeApi::instance()->getExchangeName(), queue);
+}
+
+} // namespace
+
+BOOST_CLASS_EXPORT(TestReply)
+BOOST_CLASS_EXPORT(EchoMessage)
+
+TEST(Exchange, DeliversInOrderOnTheDeliveryThreadAndAnswers) {
+    auto ex = ExchangeApi::instance();
+    EXPECT_EQ(ex, ExchangeApi::instance());
+    EXPECT_FALSE(ex->isDeliveryThread());
+    {
+        std::lock_guard<std::mutex> lock(journal.mutex);
+        journal.order.clear();
+        journal.onDeliveryThread.clear();
+    }
+    std::vector<boost::unique_future<boost::shared_ptr<Reply const>>> futures;
+    for (int i = 0; i < 200; ++i)
+        futures.push_back(ex->submitWithReply(boost::make_shared<EchoMessage>(i), own()));
+    for (int i = 0; i < 200; ++i) {
+        auto reply = boost::dynamic_pointer_cast<TestReply const>(futures[i].get());
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->value, i * 10);
+    }
+    std::lock_guard<std::mutex> lock(journal.mutex);
+    ASSERT_EQ(journal.order.size(), 200u);
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(journal.order[i], i);
+        EXPECT_TRUE(journal.onDeliveryThread[i]);
+    }
+}
+
+TEST(Exchange, FailuresReachTheSender) {
+    auto ex = ExchangeApi::instance();
+    auto f = ex->submitWithReply(boost::make_shared<EchoMessage>(3, true), own());
+    EXPECT_THROW(f.get(), std::runtime_error);
+    auto typed = submitForReply<TestReply>(*ex, boost::make_shared<EchoMessage>(4), own());
+    EXPECT_EQ(typed.get()->value, 40);
+    auto failed = submitForReply<TestReply>(*ex, boost::make_shared<EchoMessage>(5, true), own());
+    EXPECT_THROW(failed.get(), std::runtime_error);
+    // Fire and forget still delivers.
+    std::atomic<int> got{0};
+    ex->submitWithHandler(boost::make_shared<EchoMessage>(6), own(),
+                          [&](boost::shared_ptr<Reply const> const&) { got = 1; });
+    ex->submitWithReply(boost::make_shared<EchoMessage>(0), own()).get(); // in-order barrier
+    EXPECT_EQ(got.load(), 1);
+    EXPECT_THROW(ExchangeApi::configure(ExchangeConfig()), std::logic_error);
+}
+
+TEST(Exchange, UnorderedOvertakesQueuedWorkAndMayBlockOnReplies) {
+    auto ex = ExchangeApi::instance();
+    auto gate = std::make_shared<Gate>();
+    // Block the ordered queue, then queue more behind it.
+    auto blocked = ex->submitWithReply(boost::make_shared<GateMessage>(gate), own());
+    auto queued = ex->submitWithReply(boost::make_shared<EchoMessage>(1), own());
+    // An unordered message is delivered although the ordered queue is stuck...
+    auto fast = ex->submitWithReply(boost::make_shared<EchoMessage>(2),
+                                    own(Address::SpecializedQueues::unordered()));
+    ASSERT_EQ(fast.wait_for(boost::chrono::seconds(10)), boost::future_status::ready);
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(fast.get())->value, 20);
+    // ...and one that blocks on a reply of another unordered message does not stall the lane.
+    auto nested = ex->submitWithReply(boost::make_shared<NestedMessage>(),
+                                      own(Address::SpecializedQueues::unordered()));
+    ASSERT_EQ(nested.wait_for(boost::chrono::seconds(10)), boost::future_status::ready);
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(nested.get())->value, 70);
+    EXPECT_FALSE(queued.is_ready());
+    gate->release();
+    blocked.get();
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(queued.get())->value, 10);
+}
+
+TEST(Exchange, ActorsServeTheirMessagesOnTheirOwnThread) {
+    auto ex = ExchangeApi::instance();
+    auto actor = boost::make_shared<CountingActor>();
+    registerActor<TestActorApi>(*ex, "TestActor", actor);
+    EXPECT_THROW(registerActor<TestActorApi>(*ex, "TestActor", actor), std::invalid_argument);
+    EXPECT_THROW(ex->registerActor(Address::SpecializedQueues::unordered(),
+                                   [](Message const&) { return Reply::defaultReply(); }),
+                 std::invalid_argument);
+    for (int i = 1; i <= 10; ++i)
+        ex->submit(boost::make_shared<ActorPing>(i), own("TestActor"));
+    auto last = ex->submitWithReply(boost::make_shared<ActorPing>(0), own("TestActor"));
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(last.get())->value, 55);
+    EXPECT_NE(actor->thread, std::this_thread::get_id());
+    // A message that is not for the actor fails instead of being lost.
+    EXPECT_THROW(ex->submitWithReply(boost::make_shared<EchoMessage>(1), own("TestActor")).get(),
+                 DeliveryError);
+    ex->unregisterActor("TestActor");
+}
+
+TEST(Exchange, OtherExchangesAreReachedSerializedAndFailuresAreReported) {
+    auto local = ExchangeApi::instance()->getExchangeName();
+    ExchangeConfig a;
+    a.name = "test-peer-a";
+    a.transport = makeLoopbackTransport();
+    ExchangeConfig b;
+    b.name = "test-peer-b";
+    b.transport = makeLoopbackTransport();
+    auto exA = ExchangeApi::create(a);
+    auto exB = ExchangeApi::create(b);
+    EXPECT_THROW(ExchangeApi::create(a), std::invalid_argument);
+
+    // A reply crosses back by its correlation id; the far side's failure comes back as text.
+    auto f = exA->submitWithReply(boost::make_shared<EchoMessage>(9),
+                                  Address("test-peer-b", Address::SpecializedQueues::noqueue()));
+    auto reply = boost::dynamic_pointer_cast<TestReply const>(f.get());
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->value, 90);
+    auto bad = exA->submitWithReply(boost::make_shared<EchoMessage>(9, true),
+                                    Address("test-peer-b", Address::SpecializedQueues::noqueue()));
+    try {
+        bad.get();
+        FAIL() << "expected a failure";
+    } catch (DeliveryError const& e) {
+        EXPECT_NE(std::string(e.what()).find("echo refused 9"), std::string::npos);
+    }
+    // A message that cannot be serialized fails at the sender.
+    auto gate = std::make_shared<Gate>();
+    EXPECT_THROW(exA->submitWithReply(boost::make_shared<GateMessage>(gate),
+                                      Address("test-peer-b", "noqueue"))
+                     .get(),
+                 std::exception);
+
+    // Communication errors: a subscriber of one exchange's failures hears of it.
+    eventmgr::EventMgrFront mgr(nullptr, eventmgr::SessionEmId);
+    std::atomic<int> errors{0};
+    auto conn = mgr.subscribe<CommunicationErrorEvent>(
+        [&](CommunicationErrorEvent const& e) {
+            EXPECT_EQ(e.getExchangeName(), "test-peer-missing");
+            EXPECT_TRUE(e.getException());
+            ++errors;
+        },
+        {CommunicationErrorEvent::ExchangeSpecificEventType("test-peer-missing")});
+    auto lost = exA->submitWithReply(boost::make_shared<EchoMessage>(1),
+                                     Address("test-peer-missing", "noqueue"));
+    EXPECT_THROW(lost.get(), DeliveryError);
+    mgr.flush();
+    EXPECT_EQ(errors.load(), 1);
+
+    // A peer that stops fails what is pending there.
+    auto gate2 = std::make_shared<Gate>();
+    exB.reset();
+    auto afterStop = exA->submitWithReply(boost::make_shared<EchoMessage>(2),
+                                          Address("test-peer-b", "noqueue"));
+    EXPECT_THROW(afterStop.get(), DeliveryError);
+    // Without a transport another exchange cannot be reached at all.
+    EXPECT_THROW(ExchangeApi::instance()
+                     ->submitWithReply(boost::make_shared<EchoMessage>(1), Address("elsewhere", "q"))
+                     .get(),
+                 DeliveryError);
+    EXPECT_NE(local, "test-peer-a");
+}

@@ -1,0 +1,508 @@
+#include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
+#include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/lanes.hpp>
+#include <foundation/msg_svc/exchange/wire.hpp>
+
+#include <foundation/core/log/diagnosticlogger.hpp>
+
+#include <boost/make_shared.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <unistd.h>
+#include <unordered_map>
+
+namespace foundation {
+namespace msg_svc {
+namespace exchange {
+
+namespace log = foundation::core::log;
+
+namespace {
+
+log::diagnostic_logger& logger() {
+    static log::diagnostic_logger l("foundation::msg_svc::exchange");
+    return l;
+}
+
+std::string describe(boost::exception_ptr const& e) {
+    try {
+        boost::rethrow_exception(e);
+    } catch (std::exception const& x) {
+        return x.what();
+    } catch (...) {
+        return "unknown failure";
+    }
+}
+
+// Names of the exchanges alive in this process, so that two cannot share a name.
+std::mutex namesMutex;
+std::set<std::string> liveNames; // guarded by namesMutex
+
+std::string generatedName() {
+    static std::atomic<unsigned> n{0};
+    return "process:" + std::to_string(::getpid()) + (n++ ? "." + std::to_string(n.load()) : "");
+}
+
+// The exchange whose delivery thread the calling thread is, if any.
+thread_local ExchangeApi::Impl const* tlsDeliveringFor = nullptr;
+
+} // namespace
+
+TransportSink::~TransportSink() = default;
+Transport::~Transport() = default;
+
+// Completion of one delivery: the reply, or the failure.
+typedef std::function<void(boost::shared_ptr<Reply const> const&, boost::exception_ptr const&)>
+    Completion;
+
+class ExchangeApi::Impl : public TransportSink {
+public:
+    explicit Impl(ExchangeConfig const& config)
+        : name_(config.name.empty() ? generatedName() : config.name), transport_(config.transport),
+          ordered_([this] { tlsDeliveringFor = this; }),
+          unordered_(config.maxUnorderedThreads, [this] { tlsDeliveringFor = this; }) {
+        if (transport_)
+            transport_->start(name_, *this);
+    }
+
+    ~Impl() override { stop(); }
+
+    std::string const& name() const { return name_; }
+
+    void stop() {
+        bool expected = false;
+        if (!stopped_.compare_exchange_strong(expected, true))
+            return;
+        if (transport_)
+            transport_->stop();
+        ordered_.stop();
+        unordered_.stop();
+        std::map<std::string, std::shared_ptr<Actor>> actors;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            actors.swap(actors_);
+        }
+        for (auto& a : actors)
+            a.second->lane.stop();
+        std::unordered_map<std::uint64_t, Pending> pending;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            pending.swap(pending_);
+        }
+        auto stoppedError =
+            boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped"));
+        for (auto& p : pending)
+            p.second.done(nullptr, stoppedError);
+    }
+
+    void submit(boost::shared_ptr<Message const> const& message, Address const& address,
+                Completion done) {
+        if (!message) {
+            fail(done, boost::copy_exception(std::invalid_argument("null message")));
+            return;
+        }
+        if (address.exchange() == name_)
+            deliverLocal(message, address.queue(), name_, std::move(done));
+        else
+            sendRemote(message, address, std::move(done));
+    }
+
+    void registerActor(std::string const& service, ActorDispatch const& dispatch) {
+        if (service == Address::SpecializedQueues::noqueue() ||
+            service == Address::SpecializedQueues::unordered() || service.empty())
+            throw std::invalid_argument("'" + service + "' cannot name an actor");
+        if (!dispatch)
+            throw std::invalid_argument("actor '" + service + "' has no dispatch function");
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopped_)
+            boost::throw_exception(DeliveryError("exchange '" + name_ + "' was stopped"));
+        if (actors_.count(service))
+            throw std::invalid_argument("an actor already serves '" + service + "'");
+        auto actor = std::make_shared<Actor>(this, dispatch);
+        actors_.emplace(service, actor);
+    }
+
+    void unregisterActor(std::string const& service) {
+        std::shared_ptr<Actor> actor;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = actors_.find(service);
+            if (it == actors_.end())
+                return;
+            actor = it->second;
+            actors_.erase(it);
+        }
+        actor->lane.stop();
+    }
+
+    bool isDeliveryThread() const { return tlsDeliveringFor == this; }
+
+    // TransportSink
+    void receiveFrame(std::string const& from, std::string const& bytes) override {
+        wire::Frame frame;
+        try {
+            frame = wire::decodeFrame(bytes);
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error) << name_ << ": dropped a malformed frame from " << from
+                                         << ": " << e.what();
+            return;
+        }
+        switch (frame.kind) {
+        case wire::FrameKind::Message:
+            receiveMessage(from, frame);
+            break;
+        case wire::FrameKind::Reply:
+        case wire::FrameKind::Failure:
+            receiveReply(from, frame);
+            break;
+        }
+    }
+
+    void peerFailed(std::string const& peer, boost::exception_ptr const& cause) override {
+        std::vector<Completion> failed;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (auto it = pending_.begin(); it != pending_.end();) {
+                if (it->second.peer == peer) {
+                    failed.push_back(std::move(it->second.done));
+                    it = pending_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
+        for (auto& done : failed)
+            done(nullptr, cause);
+        ZN_LOG(logger(), log::warning)
+            << name_ << ": exchange '" << peer << "' failed: " << describe(cause);
+        eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, cause));
+    }
+
+private:
+    struct Actor {
+        Actor(Impl* owner, ActorDispatch d)
+            : dispatch(std::move(d)), lane([owner] { tlsDeliveringFor = owner; }) {}
+        ActorDispatch dispatch;
+        detail::SerialLane lane;
+    };
+
+    struct Pending {
+        std::string peer;
+        Completion done;
+    };
+
+    static void fail(Completion const& done, boost::exception_ptr const& e) {
+        if (done) {
+            done(nullptr, e);
+        } else {
+            ZN_LOG(logger(), log::error) << "a message could not be delivered: " << describe(e);
+        }
+    }
+
+    void deliverLocal(boost::shared_ptr<Message const> const& message, std::string const& queue,
+                      std::string const& source, Completion done) {
+        std::shared_ptr<Actor> actor;
+        bool const unordered = queue == Address::SpecializedQueues::unordered();
+        if (!unordered && queue != Address::SpecializedQueues::noqueue()) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = actors_.find(queue);
+            if (it != actors_.end())
+                actor = it->second;
+        }
+        std::weak_ptr<Actor> weakActor = actor;
+        auto job = [message, queue, source, done, weakActor, isActor = bool(actor)]() {
+            boost::shared_ptr<Reply const> reply;
+            boost::exception_ptr error;
+            try {
+                if (isActor) {
+                    auto a = weakActor.lock();
+                    if (!a)
+                        boost::throw_exception(DeliveryError("actor '" + queue + "' is gone"));
+                    reply = a->dispatch(*message);
+                } else {
+                    reply = message->deliver(Routing(source, queue));
+                }
+            } catch (...) {
+                error = boost::current_exception();
+            }
+            if (done) {
+                done(reply, error);
+            } else if (error) {
+                ZN_LOG(logger(), log::error) << "delivery failed: " << describe(error);
+            }
+        };
+        bool posted = actor ? actor->lane.post(std::move(job))
+                            : unordered ? unordered_.post(std::move(job))
+                                        : ordered_.post(std::move(job));
+        if (!posted)
+            fail(done, boost::copy_exception(
+                           DeliveryError("exchange '" + name_ + "' was stopped")));
+    }
+
+    void sendRemote(boost::shared_ptr<Message const> const& message, Address const& address,
+                    Completion done) {
+        std::string const& peer = address.exchange();
+        if (!transport_) {
+            auto e = boost::copy_exception(DeliveryError("exchange '" + name_ +
+                                                         "' cannot reach exchange '" + peer +
+                                                         "': it has no transport"));
+            fail(done, e);
+            eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
+            return;
+        }
+        wire::Frame frame;
+        frame.kind = wire::FrameKind::Message;
+        frame.queue = address.queue();
+        try {
+            frame.payload = wire::encodeMessage(*message);
+        } catch (...) {
+            fail(done, boost::current_exception());
+            return;
+        }
+        if (done) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            if (stopped_) {
+                fail(done, boost::copy_exception(
+                               DeliveryError("exchange '" + name_ + "' was stopped")));
+                return;
+            }
+            frame.correlation = nextCorrelation_++;
+            pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+        }
+        try {
+            transport_->send(peer, wire::encodeFrame(frame));
+        } catch (...) {
+            auto e = boost::current_exception();
+            Completion pendingDone;
+            if (frame.correlation) {
+                std::lock_guard<std::mutex> lock(mutex_);
+                auto it = pending_.find(frame.correlation);
+                if (it != pending_.end()) {
+                    pendingDone = std::move(it->second.done);
+                    pending_.erase(it);
+                }
+            }
+            if (pendingDone)
+                pendingDone(nullptr, e);
+            eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
+        }
+    }
+
+    void sendBack(std::string const& to, wire::Frame const& frame) {
+        try {
+            if (transport_)
+                transport_->send(to, wire::encodeFrame(frame));
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error)
+                << name_ << ": could not answer exchange '" << to << "': " << e.what();
+        }
+    }
+
+    void receiveMessage(std::string const& from, wire::Frame const& frame) {
+        boost::shared_ptr<Message const> message;
+        try {
+            message = wire::decodeMessage(frame.payload);
+        } catch (std::exception const& e) {
+            if (frame.correlation)
+                sendBack(from, wire::Frame{wire::FrameKind::Failure, frame.correlation, "",
+                                           std::string("undecodable message: ") + e.what()});
+            ZN_LOG(logger(), log::error)
+                << name_ << ": dropped an undecodable message from " << from << ": " << e.what();
+            return;
+        }
+        Completion done;
+        if (frame.correlation) {
+            std::uint64_t const corr = frame.correlation;
+            done = [this, from, corr](boost::shared_ptr<Reply const> const& reply,
+                                      boost::exception_ptr const& error) {
+                wire::Frame answer;
+                answer.correlation = corr;
+                if (error) {
+                    answer.kind = wire::FrameKind::Failure;
+                    answer.payload = describe(error);
+                } else {
+                    try {
+                        answer.kind = wire::FrameKind::Reply;
+                        answer.payload = wire::encodeReply(reply ? *reply : *Reply::defaultReply());
+                    } catch (std::exception const& e) {
+                        answer.kind = wire::FrameKind::Failure;
+                        answer.payload = std::string("reply could not be encoded: ") + e.what();
+                    }
+                }
+                sendBack(from, answer);
+            };
+        }
+        deliverLocal(message, frame.queue, from, std::move(done));
+    }
+
+    void receiveReply(std::string const& from, wire::Frame const& frame) {
+        Completion done;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = pending_.find(frame.correlation);
+            if (it == pending_.end() || it->second.peer != from)
+                return; // late or foreign: nobody waits for it
+            done = std::move(it->second.done);
+            pending_.erase(it);
+        }
+        if (frame.kind == wire::FrameKind::Failure) {
+            done(nullptr, boost::copy_exception(DeliveryError(frame.payload)));
+            return;
+        }
+        boost::shared_ptr<Reply const> reply;
+        try {
+            reply = wire::decodeReply(frame.payload);
+        } catch (...) {
+            done(nullptr, boost::current_exception());
+            return;
+        }
+        done(reply, boost::exception_ptr());
+    }
+
+    std::string const name_;
+    boost::shared_ptr<Transport> transport_;
+    std::atomic<bool> stopped_{false};
+    mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_
+    std::map<std::string, std::shared_ptr<Actor>> actors_;
+    std::unordered_map<std::uint64_t, Pending> pending_;
+    std::uint64_t nextCorrelation_ = 1;
+    detail::SerialLane ordered_;
+    detail::ElasticLane unordered_;
+};
+
+namespace {
+std::mutex instanceMutex;
+boost::shared_ptr<ExchangeApi> processExchange; // guarded by instanceMutex
+ExchangeConfig processConfig;                   // guarded by instanceMutex
+
+// Stops the process's exchange before the statics it uses die.
+struct ProcessExchangeCleanup {
+    ~ProcessExchangeCleanup() {
+        boost::shared_ptr<ExchangeApi> e;
+        {
+            std::lock_guard<std::mutex> lock(instanceMutex);
+            e.swap(processExchange);
+        }
+        if (e)
+            e->stop();
+    }
+};
+
+struct MakeShared : ExchangeApi {
+    explicit MakeShared(ExchangeConfig const& c) : ExchangeApi(c) {}
+};
+} // namespace
+
+boost::shared_ptr<ExchangeApi> ExchangeApi::instance() {
+    static ProcessExchangeCleanup cleanup;
+    std::lock_guard<std::mutex> lock(instanceMutex);
+    if (!processExchange)
+        processExchange = create(processConfig);
+    return processExchange;
+}
+
+void ExchangeApi::configure(ExchangeConfig const& config) {
+    std::lock_guard<std::mutex> lock(instanceMutex);
+    if (processExchange)
+        throw std::logic_error("the process's exchange exists already; configure it before first use");
+    processConfig = config;
+}
+
+boost::shared_ptr<ExchangeApi> ExchangeApi::create(ExchangeConfig const& config) {
+    ExchangeConfig c = config;
+    if (c.name.empty())
+        c.name = generatedName();
+    {
+        std::lock_guard<std::mutex> lock(namesMutex);
+        if (!liveNames.insert(c.name).second)
+            throw std::invalid_argument("an exchange named '" + c.name + "' exists already");
+    }
+    try {
+        return boost::make_shared<MakeShared>(c);
+    } catch (...) {
+        std::lock_guard<std::mutex> lock(namesMutex);
+        liveNames.erase(c.name);
+        throw;
+    }
+}
+
+ExchangeApi::ExchangeApi(ExchangeConfig const& config) : impl_(new Impl(config)) {}
+
+ExchangeApi::~ExchangeApi() {
+    std::string name = impl_->name();
+    impl_.reset();
+    std::lock_guard<std::mutex> lock(namesMutex);
+    liveNames.erase(name);
+}
+
+boost::unique_future<boost::shared_ptr<Reply const>>
+ExchangeApi::submitWithReply(boost::shared_ptr<Message const> const& message,
+                             Address const& address) {
+    auto promise = std::make_shared<boost::promise<boost::shared_ptr<Reply const>>>();
+    auto future = promise->get_future();
+    impl_->submit(message, address,
+                  [promise](boost::shared_ptr<Reply const> const& reply,
+                            boost::exception_ptr const& error) {
+                      if (error)
+                          promise->set_exception(error);
+                      else
+                          promise->set_value(reply);
+                  });
+    return future;
+}
+
+void ExchangeApi::submit(boost::shared_ptr<Message const> const& message, Address const& address) {
+    impl_->submit(message, address, nullptr);
+}
+
+void ExchangeApi::submitWithHandler(boost::shared_ptr<Message const> const& message,
+                                    Address const& address, ReplyHandler const& handler) {
+    submitWithHandler(message, address, handler, [](boost::exception_ptr const& e) {
+        ZN_LOG(logger(), log::error) << "a message could not be delivered: " << describe(e);
+    });
+}
+
+void ExchangeApi::submitWithHandler(boost::shared_ptr<Message const> const& message,
+                                    Address const& address, ReplyHandler const& handler,
+                                    ErrorHandler const& onError) {
+    impl_->submit(message, address,
+                  [handler, onError](boost::shared_ptr<Reply const> const& reply,
+                                     boost::exception_ptr const& error) {
+                      if (error) {
+                          if (onError)
+                              onError(error);
+                      } else if (handler) {
+                          handler(reply);
+                      }
+                  });
+}
+
+std::string ExchangeApi::getExchangeName() const {
+    return impl_->name();
+}
+
+void ExchangeApi::registerActor(std::string const& serviceName, ActorDispatch const& dispatch) {
+    impl_->registerActor(serviceName, dispatch);
+}
+
+void ExchangeApi::unregisterActor(std::string const& serviceName) {
+    impl_->unregisterActor(serviceName);
+}
+
+bool ExchangeApi::isDeliveryThread() const {
+    return impl_->isDeliveryThread();
+}
+
+void ExchangeApi::stop() {
+    impl_->stop();
+}
+
+} // namespace exchange
+} // namespace msg_svc
+} // namespace foundation

@@ -1,0 +1,123 @@
+#include <foundation/msg_svc/exchange/lanes.hpp>
+#include <foundation/msg_svc/shutdown/shutdown.hpp>
+
+namespace foundation {
+namespace msg_svc {
+namespace detail {
+
+void finish(std::thread& t) {
+    if (!t.joinable())
+        return;
+    if (t.get_id() == std::this_thread::get_id() || shutdown::isProcessTerminating())
+        t.detach();
+    else
+        t.join();
+}
+
+SerialLane::SerialLane(std::function<void()> onStart) : onStart_(std::move(onStart)) {
+    thread_ = std::thread([this] { run(); });
+    threadId_ = thread_.get_id();
+}
+
+SerialLane::~SerialLane() {
+    stop();
+}
+
+bool SerialLane::post(Job job) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_)
+            return false;
+        queue_.push_back(std::move(job));
+    }
+    wake_.notify_one();
+    return true;
+}
+
+void SerialLane::stop() {
+    std::deque<Job> dropped;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        dropped.swap(queue_);
+    }
+    wake_.notify_all();
+    dropped.clear(); // jobs die outside the lock: their promises break
+    finish(thread_);
+}
+
+void SerialLane::run() {
+    if (onStart_)
+        onStart_();
+    for (;;) {
+        Job job;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+            if (stopping_)
+                return;
+            job = std::move(queue_.front());
+            queue_.pop_front();
+        }
+        job();
+    }
+}
+
+ElasticLane::ElasticLane(unsigned maxThreads, std::function<void()> onStart)
+    : maxThreads_(maxThreads ? maxThreads : 1), onStart_(std::move(onStart)) {}
+
+ElasticLane::~ElasticLane() {
+    stop();
+}
+
+bool ElasticLane::post(Job job) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (stopping_)
+        return false;
+    queue_.push_back(std::move(job));
+    if (idle_ < queue_.size() && threads_.size() < maxThreads_) {
+        threads_.emplace_back([this] { run(); });
+    } else {
+        lock.unlock();
+        wake_.notify_one();
+    }
+    return true;
+}
+
+void ElasticLane::stop() {
+    std::deque<Job> dropped;
+    std::vector<std::thread> threads;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        dropped.swap(queue_);
+        threads.swap(threads_);
+    }
+    wake_.notify_all();
+    dropped.clear();
+    for (auto& t : threads)
+        finish(t);
+}
+
+void ElasticLane::run() {
+    if (onStart_)
+        onStart_();
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        ++idle_;
+        wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+        --idle_;
+        if (stopping_)
+            return;
+        Job job = std::move(queue_.front());
+        queue_.pop_front();
+        lock.unlock();
+        job();
+        job = nullptr;
+        lock.lock();
+    }
+}
+
+} // namespace detail
+} // namespace msg_svc
+} // namespace foundation

@@ -1,0 +1,67 @@
+#pragma once
+// Delivery lanes of an exchange (private to the exchange and the event service).
+//
+// SerialLane: one thread that runs jobs in order of posting.
+// ElasticLane: runs each job at once on an idle thread, starting another thread (up to a bound)
+// when none is idle, so jobs overtake one another and may block without stalling the lane.
+// Both: post() from any thread; stop() discards jobs not yet started and joins the threads,
+// unless the process is terminating, in which case the threads are abandoned.
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace foundation {
+namespace msg_svc {
+namespace detail {
+
+typedef std::function<void()> Job;
+
+class SerialLane {
+public:
+    // `onStart` runs first on the lane's thread (to mark it as a delivery thread).
+    explicit SerialLane(std::function<void()> onStart = nullptr);
+    ~SerialLane();
+    // False if the lane is stopped; the job is then not run.
+    bool post(Job job);
+    void stop();
+    bool onLaneThread() const { return std::this_thread::get_id() == threadId_; }
+
+private:
+    void run();
+    std::function<void()> onStart_;
+    std::mutex mutex_; // guards queue_, stopping_
+    std::condition_variable wake_;
+    std::deque<Job> queue_;
+    bool stopping_ = false;
+    std::thread thread_;
+    std::thread::id threadId_;
+};
+
+class ElasticLane {
+public:
+    ElasticLane(unsigned maxThreads, std::function<void()> onStart = nullptr);
+    ~ElasticLane();
+    bool post(Job job);
+    void stop();
+
+private:
+    void run();
+    unsigned maxThreads_;
+    std::function<void()> onStart_;
+    std::mutex mutex_; // guards everything below
+    std::condition_variable wake_;
+    std::deque<Job> queue_;
+    unsigned idle_ = 0;
+    bool stopping_ = false;
+    std::vector<std::thread> threads_;
+};
+
+// Joins `t`, or detaches it when the process is terminating.
+void finish(std::thread& t);
+
+} // namespace detail
+} // namespace msg_svc
+} // namespace foundation

@@ -1,0 +1,126 @@
+#include <foundation/msg_svc/exchange/wire.hpp>
+
+#include <boost/archive/polymorphic_binary_iarchive.hpp>
+#include <boost/archive/polymorphic_binary_oarchive.hpp>
+#include <boost/iostreams/device/array.hpp>
+#include <boost/iostreams/stream.hpp>
+
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+namespace foundation {
+namespace msg_svc {
+namespace exchange {
+namespace wire {
+
+namespace {
+void putU32(std::string& out, std::uint32_t v) {
+    char b[4];
+    for (int i = 0; i < 4; ++i)
+        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
+    out.append(b, 4);
+}
+void putU64(std::string& out, std::uint64_t v) {
+    char b[8];
+    for (int i = 0; i < 8; ++i)
+        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
+    out.append(b, 8);
+}
+
+struct Reader {
+    std::string const& bytes;
+    std::size_t pos = 0;
+    void need(std::size_t n) const {
+        if (bytes.size() - pos < n)
+            throw std::runtime_error("truncated frame");
+    }
+    std::uint64_t uint(int width) {
+        need(static_cast<std::size_t>(width));
+        std::uint64_t v = 0;
+        for (int i = 0; i < width; ++i)
+            v |= static_cast<std::uint64_t>(static_cast<unsigned char>(bytes[pos + i])) << (8 * i);
+        pos += static_cast<std::size_t>(width);
+        return v;
+    }
+    std::string str(std::size_t n) {
+        need(n);
+        std::string s = bytes.substr(pos, n);
+        pos += n;
+        return s;
+    }
+};
+
+template <class T>
+std::string encodeObject(T const& object) {
+    std::ostringstream os(std::ios::binary);
+    {
+        boost::archive::polymorphic_binary_oarchive oa(os);
+        T const* p = &object;
+        oa << boost::serialization::make_nvp("object", p);
+    }
+    return os.str();
+}
+
+template <class T>
+boost::shared_ptr<T const> decodeObject(std::string const& bytes) {
+    boost::iostreams::stream<boost::iostreams::array_source> is(bytes.data(), bytes.size());
+    boost::archive::polymorphic_binary_iarchive ia(is);
+    T* p = nullptr;
+    ia >> boost::serialization::make_nvp("object", p);
+    if (!p)
+        throw std::runtime_error("frame holds no object");
+    return boost::shared_ptr<T const>(p);
+}
+} // namespace
+
+std::string encodeFrame(Frame const& f) {
+    std::string out;
+    out.reserve(1 + 8 + 4 + f.queue.size() + 4 + f.payload.size());
+    out.push_back(static_cast<char>(f.kind));
+    putU64(out, f.correlation);
+    putU32(out, static_cast<std::uint32_t>(f.queue.size()));
+    out += f.queue;
+    putU32(out, static_cast<std::uint32_t>(f.payload.size()));
+    out += f.payload;
+    return out;
+}
+
+Frame decodeFrame(std::string const& bytes) {
+    Reader r{bytes};
+    Frame f;
+    auto kind = r.uint(1);
+    if (kind < 1 || kind > 3)
+        throw std::runtime_error("unknown frame kind " + std::to_string(kind));
+    f.kind = static_cast<FrameKind>(kind);
+    f.correlation = r.uint(8);
+    f.queue = r.str(static_cast<std::size_t>(r.uint(4)));
+    f.payload = r.str(static_cast<std::size_t>(r.uint(4)));
+    if (r.pos != bytes.size())
+        throw std::runtime_error("trailing bytes after frame");
+    return f;
+}
+
+std::string encodeMessage(Message const& m) {
+    return encodeObject(m);
+}
+boost::shared_ptr<Message const> decodeMessage(std::string const& bytes) {
+    return decodeObject<Message>(bytes);
+}
+std::string encodeReply(Reply const& r) {
+    return encodeObject(r);
+}
+boost::shared_ptr<Reply const> decodeReply(std::string const& bytes) {
+    return decodeObject<Reply>(bytes);
+}
+std::string encodeEvent(eventmgr::BaseEvent const& e) {
+    return encodeObject(e);
+}
+boost::shared_ptr<eventmgr::BaseEvent const> decodeEvent(std::string const& bytes) {
+    return decodeObject<eventmgr::BaseEvent>(bytes);
+}
+
+} // namespace wire
+} // namespace exchange
+} // namespace msg_svc
+} // namespace foundation

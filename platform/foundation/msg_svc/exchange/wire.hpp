@@ -1,0 +1,40 @@
+#pragma once
+// The byte forms of what crosses between exchanges: frames, and the messages, replies and
+// events inside them (Boost binary archive through the polymorphic interface).
+// Decoding hostile or truncated bytes raises std::runtime_error or an archive exception; it
+// never reads past the buffer.
+#include <foundation/msg_svc/eventmgr/baseevent.hpp>
+#include <foundation/msg_svc/exchange/message.hpp>
+#include <foundation/msg_svc/exchange/reply.hpp>
+
+#include <cstdint>
+#include <string>
+
+namespace foundation {
+namespace msg_svc {
+namespace exchange {
+namespace wire {
+
+enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3 };
+
+struct Frame {
+    FrameKind kind = FrameKind::Message;
+    std::uint64_t correlation = 0; // 0: no reply wanted
+    std::string queue;             // Message: the queue at the receiver
+    std::string payload;           // Message/Reply: archive bytes; Failure: the error text
+};
+
+std::string encodeFrame(Frame const& frame);
+Frame decodeFrame(std::string const& bytes);
+
+std::string encodeMessage(Message const& message);
+boost::shared_ptr<Message const> decodeMessage(std::string const& bytes);
+std::string encodeReply(Reply const& reply);
+boost::shared_ptr<Reply const> decodeReply(std::string const& bytes);
+std::string encodeEvent(eventmgr::BaseEvent const& event);
+boost::shared_ptr<eventmgr::BaseEvent const> decodeEvent(std::string const& bytes);
+
+} // namespace wire
+} // namespace exchange
+} // namespace msg_svc
+} // namespace foundation
