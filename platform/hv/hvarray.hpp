@@ -312,7 +312,8 @@ void hvSetProperty(hvArray* array, std::size_t index, const char* name, const hv
 // A callable method object for `name` on the class of `array` (an object's method, or an opaque
 // class's find-method operation), or null when there is none. The caller destroys it.
 hvArray* hvFindMethod(const hvArray* array, const char* name);
-// Calls a method object; outputs go to plhs (owned by the caller). False when the call fails.
+// Calls a method object; outputs go to plhs (owned by the caller). False when the call fails;
+// what the method throws passes to the caller.
 bool hvCallMethod(const hvArray* method, int nlhs, hvArray** plhs, int nrhs,
                   const hvArray* const* prhs);
 // Runs the constructor of the class of `classArray` (object or opaque class) with the given

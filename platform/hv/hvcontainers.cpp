@@ -195,6 +195,9 @@ const hvArray* hvGetFieldByNumber(const hvArray* array, std::size_t index, std::
 }
 
 void hvSetField(hvArray* array, std::size_t index, const char* name, hvArray* value) {
+    if (value != nullptr && value == array) {
+        throw std::invalid_argument("hvSetField: an array cannot hold itself");
+    }
     HvArrayPtr owned(value);
     requireFields(array, "hvSetField");
     checkElement(array, index, "hvSetField");
@@ -207,6 +210,9 @@ void hvSetField(hvArray* array, std::size_t index, const char* name, hvArray* va
 }
 
 void hvSetFieldByNumber(hvArray* array, std::size_t index, std::size_t field, hvArray* value) {
+    if (value != nullptr && value == array) {
+        throw std::invalid_argument("hvSetField: an array cannot hold itself");
+    }
     HvArrayPtr owned(value);
     requireFields(array, "hvSetFieldByNumber");
     checkElement(array, index, "hvSetFieldByNumber");
