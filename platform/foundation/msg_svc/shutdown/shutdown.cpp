@@ -1,6 +1,7 @@
 #include <foundation/msg_svc/shutdown/shutdown.hpp>
 
 #include <atomic>
+#include <cstdlib>
 
 namespace foundation {
 namespace msg_svc {
@@ -8,6 +9,16 @@ namespace shutdown {
 
 namespace {
 std::atomic<bool> terminating{false};
+std::atomic<bool> exitStarted{false};
+
+// Registered at load; this library is never unloaded, so the handler runs at exit only.
+struct ExitWatch {
+    ExitWatch() { std::atexit([] { exitStarted.store(true); }); }
+} const exitWatch;
+} // namespace
+
+bool processExitStarted() {
+    return exitStarted.load();
 }
 
 void setProcessTerminating(bool value) {

@@ -9,6 +9,10 @@ namespace shutdown {
 void setProcessTerminating(bool terminating);
 bool isProcessTerminating();
 
+// True once the process has begun to exit (its exit handlers run). A library unloaded before
+// that sees false.
+bool processExitStarted();
+
 } // namespace shutdown
 } // namespace msg_svc
 } // namespace foundation
