@@ -67,6 +67,24 @@ void Context::insert(std::uint64_t slot, std::type_info const& type, void* value
         old.deleter(old.value);
 }
 
+void* Context::findOrInsert(std::uint64_t slot, std::type_info const& type, void* value,
+                           ValueDeleter deleter) {
+    void* kept;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto inserted = slots_.emplace(slot, Entry{&type, value, deleter});
+        if (inserted.second)
+            return value;
+        if (*inserted.first->second.type != type) {
+            deleter(value);
+            throw std::logic_error("slot " + std::to_string(slot) + " holds another type");
+        }
+        kept = inserted.first->second.value;
+    }
+    deleter(value);
+    return kept;
+}
+
 bool Context::erase(std::uint64_t slot) {
     Entry old{nullptr, nullptr, nullptr};
     {
@@ -120,6 +138,16 @@ void Detail<scope::Tarn>::insert(std::uint64_t slot, std::type_info const& type,
         throw NoActiveContext();
     }
     c->insert(slot, type, value, deleter);
+}
+
+void* Detail<scope::Tarn>::findOrInsert(std::uint64_t slot, std::type_info const& type,
+                                        void* value, ValueDeleter deleter) {
+    Context* c = tlsCurrent;
+    if (!c) {
+        deleter(value);
+        throw NoActiveContext();
+    }
+    return c->findOrInsert(slot, type, value, deleter);
 }
 
 } // namespace usm

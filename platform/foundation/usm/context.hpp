@@ -36,6 +36,10 @@ public:
     void* find(std::uint64_t slot, std::type_info const& type) const;
     // Takes ownership of `value`; a value already in the slot is destroyed.
     void insert(std::uint64_t slot, std::type_info const& type, void* value, ValueDeleter deleter);
+    // Takes ownership of `value` unless the slot holds one already, in which case `value` is
+    // destroyed; returns the value that stays. Throws std::logic_error on a type mismatch.
+    void* findOrInsert(std::uint64_t slot, std::type_info const& type, void* value,
+                       ValueDeleter deleter);
     // Destroys the slot's value if there is one; returns whether there was.
     bool erase(std::uint64_t slot);
 

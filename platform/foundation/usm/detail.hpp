@@ -45,6 +45,11 @@ public:
     static void insert(std::uint64_t slot, std::type_info const& type, void* value,
                        ValueDeleter deleter);
 
+    // Stores `value` unless the slot holds one; returns the value that stays (the given one is
+    // freed when it loses).
+    static void* findOrInsert(std::uint64_t slot, std::type_info const& type, void* value,
+                              ValueDeleter deleter);
+
     // Typed conveniences over the above.
     template <class T>
     static T* findAs(std::uint64_t slot) {
@@ -53,6 +58,11 @@ public:
     template <class T>
     static T& findOrFailAs(std::uint64_t slot) {
         return *static_cast<T*>(findOrFail(slot, typeid(T)));
+    }
+    template <class T>
+    static T& findOrInsertValue(std::uint64_t slot, T const& value) {
+        return *static_cast<T*>(findOrInsert(slot, typeid(T), new T(value),
+                                             [](void* p) { delete static_cast<T*>(p); }));
     }
     template <class T>
     static void insertValue(std::uint64_t slot, T const& value) {

@@ -39,6 +39,12 @@ TEST(SlotStore, SlotsArePerContextAndOwned) {
         EXPECT_EQ(Counted::live, 1);
         EXPECT_EQ(Store::findOrFailAs<Counted>(slot).v, 2);
         EXPECT_THROW(Store::find(slot, typeid(int)), std::logic_error);
+        // findOrInsert keeps what is there and frees the newcomer.
+        EXPECT_EQ(Store::findOrInsertValue(slot, Counted(9)).v, 2);
+        EXPECT_EQ(Counted::live, 1);
+        auto const other = Store::getNextID(typeid(Counted));
+        EXPECT_EQ(Store::findOrInsertValue(other, Counted(5)).v, 5);
+        EXPECT_TRUE(Context::current()->erase(other));
         {
             ContextScope inB(b); // nesting: b hides a
             EXPECT_EQ(Store::findAs<Counted>(slot), nullptr);
