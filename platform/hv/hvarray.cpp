@@ -3,9 +3,13 @@
 
 #include <fl/i18n/conversions.hpp>
 
+#include <sys/mman.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
 
 namespace hv {
@@ -13,6 +17,34 @@ namespace detail {
 
 namespace {
 std::atomic<std::size_t> arrayListCount{0};
+}
+
+void FreeBytes::operator()(std::uint8_t* bytes) const noexcept {
+    std::free(bytes);
+}
+
+Bytes allocateBytes(std::size_t n, bool zero) {
+    constexpr std::size_t kHugePage = std::size_t(2) << 20;
+    if (n == 0) {
+        return nullptr;
+    }
+    void* p = nullptr;
+    if (n >= 8 * kHugePage) {
+        std::size_t rounded = (n + kHugePage - 1) / kHugePage * kHugePage;
+        p = std::aligned_alloc(kHugePage, rounded);
+        if (p != nullptr) {
+            ::madvise(p, rounded, MADV_HUGEPAGE); // advice only: failure changes nothing
+            if (zero) {
+                std::memset(p, 0, n);
+            }
+        }
+    } else {
+        p = zero ? std::calloc(n, 1) : std::malloc(n);
+    }
+    if (p == nullptr) {
+        throw std::bad_alloc();
+    }
+    return Bytes(static_cast<std::uint8_t*>(p));
 }
 
 HvData::~HvData() {
@@ -101,8 +133,7 @@ hvArray* newArray(hvClassID cls, std::vector<std::size_t> dims, bool zero) {
         }
         data->nbytes = n * size;
         if (data->nbytes != 0) {
-            data->bytes.reset(zero ? new std::uint8_t[data->nbytes]()
-                                   : new std::uint8_t[data->nbytes]);
+            data->bytes = allocateBytes(data->nbytes, zero);
         }
     } else if (cls == hvCELL_CLASS) {
         data->slots.assign(n, nullptr);
@@ -125,7 +156,7 @@ HvData* copyData(const HvData& source) {
     auto copy = std::make_unique<HvData>();
     copy->nbytes = source.nbytes;
     if (source.nbytes != 0) {
-        copy->bytes.reset(new std::uint8_t[source.nbytes]);
+        copy->bytes = allocateBytes(source.nbytes, false);
         std::memcpy(copy->bytes.get(), source.bytes.get(), source.nbytes);
     }
     copy->slots.reserve(source.slots.size());
@@ -556,7 +587,7 @@ void hvSetDimensions(hvArray* array, std::size_t ndim, const std::size_t* dims) 
             throw std::invalid_argument("hvSetDimensions: the array is too large");
         }
         std::size_t nbytes = newCount * size;
-        std::unique_ptr<std::uint8_t[]> bytes(nbytes ? new std::uint8_t[nbytes]() : nullptr);
+        Bytes bytes = allocateBytes(nbytes, true);
         if (nbytes != 0 && data.nbytes != 0) {
             std::memcpy(bytes.get(), data.bytes.get(), std::min(nbytes, data.nbytes));
         }

@@ -28,9 +28,17 @@ struct ObjectClass {
     bool isString = false;
 };
 
+struct FreeBytes {
+    void operator()(std::uint8_t* bytes) const noexcept;
+};
+typedef std::unique_ptr<std::uint8_t[], FreeBytes> Bytes;
+// Storage for raw element data; zero-filled when `zero`. Large blocks are aligned to, and
+// advised as, huge pages: fresh memory then costs a fraction of the page faults. Null for 0.
+Bytes allocateBytes(std::size_t n, bool zero);
+
 struct HvData {
     std::atomic<std::size_t> refs{1};
-    std::unique_ptr<std::uint8_t[]> bytes;
+    Bytes bytes;
     std::size_t nbytes = 0;
     std::vector<hvArray*> slots;            // cells, structs, objects: elements times fields
     std::vector<std::string> fields;        // structs, objects

@@ -132,6 +132,25 @@ TEST(HvSerialize, EveryClassRoundTrips) {
     EXPECT_EQ(bytesOf(value.get()), bytesOf(HvArrayPtr(hvDuplicateArray(value.get())).get()));
 }
 
+TEST(HvSerialize, LargeArraysRoundTripAndCopy) {
+    // Large enough for the huge-page storage path: zero-filled, copied and written in bulk.
+    const std::size_t n = 3u << 20;
+    HvArrayPtr big(hvCreateNumericMatrix(hvDOUBLE_CLASS, 1, n));
+    const double* zeros = static_cast<const double*>(hvGetReadOnlyData(big.get()));
+    EXPECT_EQ(zeros[0], 0.0);
+    EXPECT_EQ(zeros[n - 1], 0.0);
+    double* p = static_cast<double*>(hvGetData(big.get()));
+    for (std::size_t i = 0; i < n; ++i) {
+        p[i] = static_cast<double>(i) - 0.25;
+    }
+    HvArrayPtr back = roundTrip(big.get());
+    EXPECT_TRUE(hvAreMatricesEqual(big.get(), back.get()));
+    HvArrayPtr copy(hvCreateSharedDataCopy(back.get()));
+    static_cast<double*>(hvGetData(copy.get()))[n - 1] = 1;
+    EXPECT_EQ(static_cast<const double*>(hvGetReadOnlyData(back.get()))[n - 1], n - 1.25);
+    EXPECT_FALSE(hvAreMatricesEqual(copy.get(), back.get()));
+}
+
 TEST(HvSerialize, ObjectsAndMethodHandlesRoundTrip) {
     const char* props[] = {"a", "b"};
     hvClassMethodDef methods[] = {
