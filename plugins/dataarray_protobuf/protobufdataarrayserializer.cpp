@@ -49,7 +49,8 @@ std::uint64_t sizeBound(const fx::Array& a) {
         for (auto& name : names) {
             n += FieldOverhead + name.size();
         }
-        for (std::size_t i = 0; i < count && n <= MaxMessageBytes; ++i) {
+        // Loops run over values, not elements: a struct without fields may claim any count.
+        for (std::size_t i = 0; !names.empty() && i < count && n <= MaxMessageBytes; ++i) {
             for (std::size_t f = 0; f < names.size() && n <= MaxMessageBytes; ++f) {
                 n += FieldOverhead + sizeBound(a.getField(i, f));
             }
@@ -94,7 +95,7 @@ void fillHeader(const fx::Array& a, ArrayMessage& m) {
         for (auto& name : a.getFieldNames()) {
             m.add_field_names(name);
         }
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; !a.getFieldNames().empty() && i < count; ++i) {
             for (std::size_t f = 0; f < a.getFieldNames().size(); ++f) {
                 auto& v = a.getField(i, f);
                 auto& e = *m.add_elements();

@@ -49,6 +49,8 @@ TEST(ProtobufDataArraySerializer, EveryKindRoundTrips) {
         Array::createString({2, 2}, {u"", u"a", u"\u4e2d\u6587", u"x y"}),
         Array::createCell({1, 2}, {Array(), Array::createCell({0, 0}, {})}),
         Array::createStruct({1, 0}, {"a", "b"}, {}),
+        // No fields: any number of elements and nothing to write for them.
+        Array::createStruct({std::size_t(1) << 62, 2}, {}, {}),
         Array::createStruct({2, 1}, {"v"}, {Array::createScalar(1.0), Array::createChar(u"c")}),
     };
     for (auto& a : arrays) {

@@ -276,6 +276,9 @@ void Array::setField(std::size_t index, const std::string& name, Array value) {
     if (it == impl.fieldNames.end()) {
         // Rebuild the values with one more slot per element.
         std::vector<Array> values;
+        if (impl.count > values.max_size() / (nfields + 1)) {
+            throw std::length_error("Struct array too large for another field.");
+        }
         values.reserve(impl.count * (nfields + 1));
         for (std::size_t e = 0; e < impl.count; ++e) {
             for (std::size_t f = 0; f < nfields; ++f) {
