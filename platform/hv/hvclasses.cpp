@@ -325,6 +325,33 @@ void* hvGetOpaqueGiblet(const hvArray_tag* array) {
     return array->giblet;
 }
 
+int hvGetOpaqueClassIndex(const hvOpaqueClass* cls) {
+    if (cls == nullptr) {
+        throw std::invalid_argument("hvGetOpaqueClassIndex: null class");
+    }
+    return cls->ops.classIndex != nullptr ? cls->ops.classIndex() : hvOPAQUE_CLASS;
+}
+
+const char* hvGetClassNameFromIndex(int index) {
+    std::vector<const hvOpaqueClass*> classes;
+    {
+        Registry& r = registry();
+        std::lock_guard<std::mutex> lock(r.mutex);
+        for (const auto& entry : r.opaque) {
+            classes.push_back(entry.second.get());
+        }
+    }
+    // Asked outside the lock: a class's answer may itself look classes up.
+    for (const hvOpaqueClass* cls : classes) {
+        if (cls->ops.classNameFromIndex != nullptr) {
+            if (const char* name = cls->ops.classNameFromIndex(index)) {
+                return name;
+            }
+        }
+    }
+    return nullptr;
+}
+
 const hvOpaqueClass* hvGetOpaqueClass(const hvArray_tag* array) {
     return array != nullptr && array->cls == hvOPAQUE_CLASS ? array->opaque : nullptr;
 }

@@ -90,6 +90,13 @@ bool isCountedName(const char* name) {
     return std::strcmp(name, "test.CounterBase") == 0;
 }
 
+int countedIndex() {
+    return 40;
+}
+const char* countedNameFromIndex(int index) {
+    return index == 40 ? "test.Counter" : nullptr;
+}
+
 class HvOpaque : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
@@ -103,6 +110,8 @@ protected:
         ops.updateSize = &updateCountedSize;
         ops.equal = &equalCounted;
         ops.isClassName = &isCountedName;
+        ops.classIndex = &countedIndex;
+        ops.classNameFromIndex = &countedNameFromIndex;
         counterClass = hvSubclassOpaqueArray("test.Counter", &ops);
         // Registering again with the same table is harmless; with another table it is not.
         EXPECT_EQ(hvSubclassOpaqueArray("test.Counter", &ops), counterClass);
@@ -132,6 +141,9 @@ TEST_F(HvOpaque, SharingAndDestructionGoThroughTheClass) {
         EXPECT_TRUE(hvIsA(a.get(), "test.CounterBase"));
         EXPECT_FALSE(hvIsA(a.get(), "double"));
         EXPECT_EQ(liveGiblets.load(), 1);
+        EXPECT_EQ(hvGetOpaqueClassIndex(counterClass), 40);
+        EXPECT_STREQ(hvGetClassNameFromIndex(40), "test.Counter");
+        EXPECT_EQ(hvGetClassNameFromIndex(41), nullptr);
     }
     EXPECT_EQ(liveGiblets.load(), 0);
 }

@@ -74,6 +74,11 @@ hvArray_tag* hvCreateOpaqueMatrix(const hvOpaqueClass* cls, std::size_t m, std::
 // Replaces the giblet of one array. The previous giblet is not destroyed: the class owns it.
 void hvSetOpaqueGiblet(hvArray_tag* array, void* giblet);
 void* hvGetOpaqueGiblet(const hvArray_tag* array);
+// The class index of a class: its classIndex operation's answer, else hvOPAQUE_CLASS (17).
+int hvGetOpaqueClassIndex(const hvOpaqueClass* cls);
+// The name that some registered class gives for a class index through classNameFromIndex, or
+// null when none does.
+const char* hvGetClassNameFromIndex(int index);
 // The class of an opaque array, null for any other array (and for null).
 const hvOpaqueClass* hvGetOpaqueClass(const hvArray_tag* array);
 // True when `array` is an opaque array of `cls`.
