@@ -115,13 +115,18 @@ void fillHeader(const fx::Array& a, ArrayMessage& m) {
     throw std::runtime_error("Invalid data array bytes: " + why + ".");
 }
 
-fx::Array toArray(ArrayMessage& m) {
+// block: the top level's element block when it was read apart from the message.
+fx::Array toArray(ArrayMessage& m, std::shared_ptr<char>* block = nullptr,
+                  std::size_t blockSize = 0) {
     if (m.type() < 0 || m.type() > fx::ArrayTypeLast) {
         invalid("unknown type " + std::to_string(m.type()));
     }
     auto type = static_cast<fx::ArrayType>(m.type());
+    if (block && !m.data().empty()) {
+        invalid("two element blocks");
+    }
     if (type == fx::UNKNOWN) {
-        if (m.dims_size() || !m.data().empty() || m.strings_size() || m.elements_size() ||
+        if (m.dims_size() || !m.data().empty() || block || m.strings_size() || m.elements_size() ||
             m.field_names_size()) {
             invalid("a default array with contents");
         }
@@ -134,9 +139,12 @@ fx::Array toArray(ArrayMessage& m) {
             if (m.strings_size() || m.elements_size() || m.field_names_size()) {
                 invalid("a numeric array with other contents");
             }
+            if (block) {
+                return fx::Array::adoptBytes(type, std::move(dims), std::move(*block), blockSize);
+            }
             return fx::Array::adoptBytes(type, std::move(dims), std::move(*m.mutable_data()));
         }
-        if (!m.data().empty()) {
+        if (!m.data().empty() || block) {
             invalid("an element block in a non-numeric array");
         }
         switch (type) {
@@ -280,7 +288,9 @@ fx::Array ProtobufDataArraySerializer::deserializeDataArray(std::istream& in) {
         invalid("more bytes than a message may hold");
     }
     std::string rest;
-    std::string block;
+    // The element block, not zero-filled first: the stream fills it.
+    std::shared_ptr<char> block;
+    std::size_t blockSize = 0;
     bool haveBlock = false;
     std::uint64_t tag = 0;
     for (auto mark = rest.size(); readVarint(in, tag, &rest); mark = rest.size()) {
@@ -312,8 +322,9 @@ fx::Array ProtobufDataArraySerializer::deserializeDataArray(std::istream& in) {
                 if (n > left) {
                     invalid("a field longer than the message");
                 }
-                block.resize(static_cast<std::size_t>(n));
-                readBytes(in, &block[0], block.size());
+                blockSize = static_cast<std::size_t>(n);
+                block.reset(new char[blockSize ? blockSize : 1], std::default_delete<char[]>());
+                readBytes(in, block.get(), blockSize);
                 haveBlock = true;
                 break;
             }
@@ -339,10 +350,7 @@ fx::Array ProtobufDataArraySerializer::deserializeDataArray(std::istream& in) {
     if (!m.ParseFromString(rest)) {
         invalid("not an array message");
     }
-    if (haveBlock) {
-        m.mutable_data()->swap(block);
-    }
-    return toArray(m);
+    return toArray(m, haveBlock ? &block : nullptr, blockSize);
 }
 
 } // namespace dataarray

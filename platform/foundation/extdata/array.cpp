@@ -14,7 +14,8 @@ struct Array::Impl {
     Dims dims{0, 0};
     std::size_t count = 0;
     // Plain data: the element bytes, shared between copies until one of them changes.
-    std::shared_ptr<std::string> owner;
+    std::shared_ptr<char> block;
+    std::size_t byteCount = 0;
     std::vector<std::u16string> strings;
     // Cell elements, or struct values element by element with one entry per field.
     std::vector<Array> elements;
@@ -58,25 +59,35 @@ Array Array::fromBytes(ArrayType type, Dims dims, const void* bytes, std::size_t
 }
 
 Array Array::adoptBytes(ArrayType type, Dims dims, std::string&& bytes) {
+    auto owner = std::make_shared<std::string>(std::move(bytes));
+    auto size = owner->size();
+    char* data = owner->empty() ? nullptr : &(*owner)[0];
+    return adoptBytes(type, std::move(dims), std::shared_ptr<char>(owner, data), size);
+}
+
+Array Array::adoptBytes(ArrayType type, Dims dims, std::shared_ptr<char> bytes,
+                        std::size_t byteCount) {
     if (!isPlainDataType(type)) {
         throw std::invalid_argument("Array type does not hold plain data.");
     }
     auto impl = std::make_shared<Impl>();
     impl->count = countOf(dims);
     if (impl->count > std::numeric_limits<std::size_t>::max() / elementSize(type) ||
-        bytes.size() != impl->count * elementSize(type)) {
+        byteCount != impl->count * elementSize(type) || (byteCount && !bytes)) {
         throw std::invalid_argument("Array data size does not match its dimensions.");
     }
     if (type == LOGICAL) {
-        for (unsigned char c : bytes) {
-            if (c > 1) {
+        auto p = reinterpret_cast<const unsigned char*>(bytes.get());
+        for (std::size_t i = 0; i < byteCount; ++i) {
+            if (p[i] > 1) {
                 throw std::invalid_argument("Logical array element is neither 0 nor 1.");
             }
         }
     }
     impl->type = type;
     impl->dims = std::move(dims);
-    impl->owner = std::make_shared<std::string>(std::move(bytes));
+    impl->block = std::move(bytes);
+    impl->byteCount = byteCount;
     return Array(std::move(impl));
 }
 
@@ -171,11 +182,11 @@ const void* Array::getRawData() const {
     if (!isPlainDataType(impl_->type)) {
         throw std::logic_error("Array does not hold plain data.");
     }
-    return impl_->owner->data();
+    return impl_->block.get();
 }
 
 std::size_t Array::getRawByteCount() const {
-    return impl_->owner ? impl_->owner->size() : 0;
+    return impl_->byteCount;
 }
 
 void Array::checkType(ArrayType expected) const {
@@ -200,10 +211,12 @@ Array::Impl& Array::mutableImpl() {
 
 void* Array::mutableRawData() {
     auto& impl = mutableImpl();
-    if (impl.owner.use_count() != 1) {
-        impl.owner = std::make_shared<std::string>(*impl.owner);
+    if (impl.block.use_count() != 1 && impl.byteCount) {
+        std::shared_ptr<char> copy(new char[impl.byteCount], std::default_delete<char[]>());
+        std::memcpy(copy.get(), impl.block.get(), impl.byteCount);
+        impl.block = std::move(copy);
     }
-    return &(*impl.owner)[0];
+    return impl.block.get();
 }
 
 std::u16string Array::getCharacters() const {
@@ -303,7 +316,8 @@ bool operator==(const Array& a, const Array& b) {
         return false;
     }
     if (isPlainDataType(x.type)) {
-        return x.owner == y.owner || *x.owner == *y.owner;
+        return x.block == y.block || x.byteCount == 0 ||
+               std::memcmp(x.block.get(), y.block.get(), x.byteCount) == 0;
     }
     return x.strings == y.strings && x.fieldNames == y.fieldNames && x.elements == y.elements;
 }

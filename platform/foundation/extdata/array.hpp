@@ -46,8 +46,11 @@ public:
     static Array createZeros(ArrayType type, Dims dims);
     // A plain-data array from raw element bytes, copied.
     static Array fromBytes(ArrayType type, Dims dims, const void* bytes, std::size_t byteCount);
-    // A plain-data array that takes over a byte block without copying it.
+    // A plain-data array that takes over a byte block without copying it. The block must not
+    // be changed through other pointers afterwards.
     static Array adoptBytes(ArrayType type, Dims dims, std::string&& bytes);
+    static Array adoptBytes(ArrayType type, Dims dims, std::shared_ptr<char> bytes,
+                            std::size_t byteCount);
     static Array createString(Dims dims, std::vector<std::u16string> values);
     static Array createString(const std::u16string& value);
     static Array createCell(Dims dims, std::vector<Array> elements);

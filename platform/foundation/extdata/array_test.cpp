@@ -60,6 +60,11 @@ TEST(Array, BadShapesAndDataAreRejected) {
     EXPECT_THROW(Array::createZeros(fx::DOUBLE, {std::size_t(1) << 62, 1}), std::invalid_argument);
     EXPECT_THROW(Array::adoptBytes(fx::LOGICAL, {1, 1}, std::string(1, '\x02')),
                  std::invalid_argument);
+    EXPECT_THROW(Array::adoptBytes(fx::INT16, {1, 1}, nullptr, 2), std::invalid_argument);
+    std::shared_ptr<char> three(new char[3](), std::default_delete<char[]>());
+    EXPECT_THROW(Array::adoptBytes(fx::INT16, {1, 1}, three, 3), std::invalid_argument);
+    EXPECT_EQ(Array::adoptBytes(fx::UINT8, {1, 3}, three, 3),
+              Array::create<std::uint8_t>({1, 3}, {0, 0, 0}));
     EXPECT_THROW(Array::createCell({1, 2}, {Array()}), std::invalid_argument);
     EXPECT_THROW(Array::createStruct({1, 1}, {"a", "a"}, {Array(), Array()}),
                  std::invalid_argument);
