@@ -1,0 +1,113 @@
+#pragma once
+// PromiseDelegate: stands between a request's tracking record and the caller's future. The typed
+// subclass turns a completion event into the result and holds the boost::promise behind the
+// caller's boost::unique_future. Besides that it offers a second way to wait for the same end,
+// waitTillReady, which does not go through the Boost future (so it does not start the future's
+// wait callback).
+//
+// A waiter and a finisher meet on one atomic word without a lock: either the waiter sees the
+// finished mark and does not wait, or the finisher runs the task the waiter waits on.
+// setValue/setException run on an event or interpreter thread, waitTillReady on a client
+// thread, isPromiseDone anywhere. Destroying the delegate breaks the caller's future
+// (broken_promise) and releases a thread blocked in waitTillReady. A caller must not destroy
+// the delegate while another thread is about to enter waitTillReady (only one already blocked
+// in it is released safely).
+#include <boost/function.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/thread/future.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <future>
+
+namespace cmddistributor {
+
+class IIPCompletedEvent;
+
+class PromiseDelegate {
+public:
+    PromiseDelegate() : currentTask_(nullptr) {}
+    PromiseDelegate(PromiseDelegate const&) = delete;
+    PromiseDelegate& operator=(PromiseDelegate const&) = delete;
+    virtual ~PromiseDelegate();
+
+    virtual void setValue(IIPCompletedEvent const& event) = 0;
+    virtual void setException(boost::exception_ptr const& exception) = 0;
+    virtual void setWaitCallback(boost::function<void()> const& callback) = 0;
+    // Blocks until the delegate has been finished (or destroyed).
+    virtual void waitTillReady() const;
+    // True when finished. May create the rendezvous task.
+    virtual bool isPromiseDone() const;
+
+protected:
+    // Marks the delegate finished, releasing a waiter if there is one.
+    void tryRunTask();
+
+private:
+    struct Marker {};
+    struct ReadyTask {
+        ReadyTask() : task([] { return Marker(); }), future(task.get_future().share()) {}
+        std::packaged_task<Marker()> task;
+        std::shared_future<Marker> future;
+    };
+    static ReadyTask* finishedMark() {
+        return reinterpret_cast<ReadyTask*>(~std::uintptr_t(0));
+    }
+    ReadyTask* getCurrentTask() const;
+
+    // null: nobody waited and nothing finished; finishedMark(): finished; else the waiter's task.
+    mutable std::atomic<ReadyTask*> currentTask_;
+};
+
+template <class T>
+class PromiseDelegateT : public PromiseDelegate {
+public:
+    typedef T (*ExtractResult)(IIPCompletedEvent const&);
+
+    explicit PromiseDelegateT(ExtractResult const extractResult)
+        : promise_(boost::make_shared<boost::promise<T>>()), extractResult_(extractResult) {}
+    ~PromiseDelegateT() override { promise_.reset(); }
+
+    // Called once, before the record is enqueued.
+    boost::unique_future<T> getFuture() { return promise_->get_future(); }
+
+    void setValue(IIPCompletedEvent const& event) override {
+        try {
+            setFromEvent(event, std::is_void<T>());
+        } catch (...) {
+            promise_->set_exception(boost::current_exception());
+        }
+        tryRunTask();
+    }
+
+    void setException(boost::exception_ptr const& exception) override {
+        promise_->set_exception(exception);
+        tryRunTask();
+    }
+
+    void setWaitCallback(boost::function<void()> const& callback) override {
+        boost::function<void()> copy = callback;
+        promise_->set_wait_callback(
+            boost::function<void(boost::promise<T>&)>([copy](boost::promise<T>&) { copy(); }));
+    }
+
+private:
+    void setFromEvent(IIPCompletedEvent const& event, std::true_type) {
+        if (extractResult_)
+            extractResult_(event);
+        promise_->set_value();
+    }
+    template <class U = T>
+    void setFromEvent(IIPCompletedEvent const& event, std::false_type) {
+        if (!extractResult_)
+            throw std::logic_error("PromiseDelegateT: no result extraction for a typed result");
+        promise_->set_value(extractResult_(event));
+    }
+
+    boost::shared_ptr<boost::promise<T>> promise_;
+    ExtractResult const extractResult_;
+};
+
+extern template class PromiseDelegateT<void>;
+
+} // namespace cmddistributor
