@@ -89,11 +89,13 @@ void ActiveCmdWinSinkBufferProxy::setSink(boost::shared_ptr<VeldraSink> const& s
 }
 
 ActiveCmdWinSinkBufferProxy::int_type ActiveCmdWinSinkBufferProxy::overflow(int_type c) {
-    // With 16-bit units the end-of-file value is also the unit U+FFFF, so it is written too.
+    // The end-of-file value carries no unit (the character U+FFFF arrives as U+FFFD).
+    if (traits_type::eq_int_type(c, traits_type::eof()))
+        return traits_type::not_eof(c);
     char16_t const unit = traits_type::to_char_type(c);
     if (xsputn(&unit, 1) != 1)
         return traits_type::eof();
-    return traits_type::eq_int_type(c, traits_type::eof()) ? 0 : c;
+    return c;
 }
 
 std::streamsize ActiveCmdWinSinkBufferProxy::xsputn(char16_t const* s, std::streamsize n) {

@@ -1,0 +1,171 @@
+#include <tests/support/archivetesting.hpp>
+
+#include <quorl/eventmgr/eventmgraccess.hpp>
+#include <quorl/io/sinktextevent.hpp>
+#include <quorl/io/sinktexteventbuffer.hpp>
+
+#include <foundation/usm/context.hpp>
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <sstream>
+
+using namespace quorl::io;
+using cmddistributor::RequestIdAdapter;
+using foundation::msg_svc::eventmgr::BaseEvent;
+using foundation::msg_svc::exchange::IDType;
+using foundation::usm::Context;
+using foundation::usm::ContextScope;
+using quorl_testing::Family;
+
+namespace {
+
+// Collects the SinkTextEvents published on the session's manager while it lives.
+class Listener {
+public:
+    Listener()
+        : manager_(quorl::eventmgr::createLocalEventMgr(boost::none)),
+          connection_(manager_->subscribe<SinkTextEvent>([this](SinkTextEvent const& e) {
+              std::lock_guard<std::mutex> lock(mutex_);
+              events_.push_back(boost::shared_ptr<BaseEvent>(e.clone()));
+          })) {}
+    std::vector<boost::shared_ptr<BaseEvent>> take() {
+        manager_->flush();
+        std::lock_guard<std::mutex> lock(mutex_);
+        return std::move(events_);
+    }
+    static SinkTextEvent const& as(boost::shared_ptr<BaseEvent> const& e) {
+        return dynamic_cast<SinkTextEvent const&>(*e);
+    }
+
+private:
+    boost::shared_ptr<quorl::eventmgr::EventMgr> manager_;
+    std::mutex mutex_;
+    std::vector<boost::shared_ptr<BaseEvent>> events_;
+    std::unique_ptr<foundation::msg_svc::eventmgr::Connection> connection_;
+};
+
+template <class T>
+void expectRoundTrips(T const& original, std::vector<std::string> const& xmlNames) {
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        BaseEvent const* asBase = &original;
+        BaseEvent* back = nullptr;
+        quorl_testing::read(f, quorl_testing::write(f, asBase), back);
+        ASSERT_TRUE(back);
+        std::unique_ptr<BaseEvent> owner(back);
+        auto const* typed = dynamic_cast<T const*>(back);
+        ASSERT_TRUE(typed) << "read back as another type";
+        EXPECT_TRUE(*back == original);
+        EXPECT_EQ(typed->getText(), original.getText());
+        EXPECT_EQ(typed->getStreamType(), original.getStreamType());
+        EXPECT_EQ(typed->getRequestId(), original.getRequestId());
+    }
+    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, original));
+    EXPECT_EQ(names, xmlNames);
+}
+
+} // namespace
+
+TEST(TextEvents, CarryTheRequestIdOfTheContextThatMadeThem) {
+    SinkTextEvent const outside(OutputStream, u"a");
+    EXPECT_EQ(outside.getRequestId(), IDType(0, 0));
+    IDType const request(7, 4242);
+    std::unique_ptr<SinkTextEvent> inside;
+    std::unique_ptr<TextBaseEvent> base;
+    {
+        ContextScope scope(Context::create("interpreter"));
+        RequestIdAdapter::setRequestId(request);
+        inside.reset(new SinkTextEvent(ErrorStream, static_cast<char16_t const*>(nullptr)));
+        base.reset(new TextBaseEvent(OutputStream, ustring(u"b")));
+    }
+    EXPECT_EQ(inside->getRequestId(), request);
+    EXPECT_EQ(base->getRequestId(), request);
+    EXPECT_TRUE(inside->getText().empty());
+    // A copy keeps the id of the original, wherever it is made.
+    std::unique_ptr<BaseEvent> copy(inside->clone());
+    EXPECT_EQ(dynamic_cast<SinkTextEvent&>(*copy).getRequestId(), request);
+    EXPECT_TRUE(*copy == *inside);
+
+    EXPECT_TRUE(inside->isKindOf(u"quorl::io::TextBaseEvent"));
+    EXPECT_TRUE(inside->isKindOf(u"foundation::msg_svc::eventmgr::BaseEvent"));
+    EXPECT_FALSE(base->isKindOf(u"quorl::io::SinkTextEvent"));
+    EXPECT_FALSE(*base == TextBaseEvent(OutputStream, u"b")) << "request ids differ";
+
+    std::ostringstream os;
+    base->fillStream(os);
+    EXPECT_NE(os.str().find("STREAMTYPE: 0\nTEXTLEN: 1\nTEXT: b\nREQUEST_ID: 7:4242\n"),
+              std::string::npos)
+        << os.str();
+}
+
+TEST(TextEvents, RoundTripInEveryFamilyKeepingTheSendersRequestId) {
+    std::unique_ptr<SinkTextEvent> sink;
+    std::unique_ptr<TextBaseEvent> base;
+    {
+        ContextScope scope(Context::create("sender"));
+        RequestIdAdapter::setRequestId(IDType(3, 99));
+        sink.reset(new SinkTextEvent(ErrorStream, u"\u00e9t\u00e9 \U0001F600\n<&>"));
+        base.reset(new TextBaseEvent(OutputStream, ustring()));
+    }
+    // Read inside another context with another id: the archive's id wins.
+    ContextScope scope(Context::create("receiver"));
+    RequestIdAdapter::setRequestId(IDType(5, 1));
+    // The base event's user tags and the id's own fields stand inside their pairs.
+    expectRoundTrips(*sink, {"object", "TextBaseEvent", "TextBaseEvent", "userTags", "count",
+                             "item_version", "TextBaseEvent-RequestId", "requestId", "origin",
+                             "serial", "stream", "text"});
+    expectRoundTrips(*base, {"object", "TextBaseEvent", "userTags", "count", "item_version",
+                             "TextBaseEvent-RequestId", "requestId", "origin", "serial", "stream",
+                             "text"});
+}
+
+TEST(SinkTextEventBuffer, PublishesAtSyncAndWhenGrownPastTheLimit) {
+    Listener listener;
+    struct Buffer : SinkTextEventBuffer {
+        using SinkTextEventBuffer::SinkTextEventBuffer;
+        int_type overflowAt(int_type c) { return overflow(c); }
+    } buffer(ErrorStream);
+    EXPECT_EQ(buffer.pubsync(), 0);
+    EXPECT_TRUE(listener.take().empty()) << "nothing stored, nothing published";
+
+    EXPECT_EQ(buffer.sputc(u'x'), u'x');
+    EXPECT_EQ(buffer.overflowAt(std::char_traits<char16_t>::eof()),
+              std::char_traits<char16_t>::eof());
+    EXPECT_TRUE(listener.take().empty()) << "overflow never publishes";
+    IDType const request(11, 12);
+    {
+        ContextScope scope(Context::create("writer"));
+        RequestIdAdapter::setRequestId(request);
+        EXPECT_EQ(buffer.pubsync(), 0);
+    }
+    auto events = listener.take();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(Listener::as(events[0]).getText(), u"x");
+    EXPECT_EQ(Listener::as(events[0]).getStreamType(), ErrorStream);
+    EXPECT_EQ(Listener::as(events[0]).getRequestId(), request) << "made on the writer's thread";
+    EXPECT_EQ(buffer.pubsync(), 0);
+    EXPECT_TRUE(listener.take().empty()) << "a sync empties the buffer";
+
+    // A long burst leaves in pieces of a little over 4096 units, in order, with nothing lost.
+    ustring burst;
+    for (int i = 0; i < 20000; ++i)
+        burst.push_back(static_cast<char16_t>(u'a' + i % 26));
+    for (std::size_t at = 0; at < burst.size(); at += 1000)
+        EXPECT_EQ(buffer.sputn(burst.data() + at, std::min<std::size_t>(1000, burst.size() - at)),
+                  static_cast<std::streamsize>(std::min<std::size_t>(1000, burst.size() - at)));
+    auto pieces = listener.take();
+    ASSERT_GE(pieces.size(), 3u);
+    for (auto const& p : pieces) {
+        EXPECT_GT(Listener::as(p).getText().size(), SinkTextEventBuffer::maxRetainedUnits);
+        EXPECT_LE(Listener::as(p).getText().size(), 2 * SinkTextEventBuffer::maxRetainedUnits);
+    }
+    buffer.pubsync();
+    ustring joined;
+    for (auto const& p : listener.take())
+        pieces.push_back(p);
+    for (auto const& p : pieces)
+        joined += Listener::as(p).getText();
+    EXPECT_EQ(joined, burst);
+}
