@@ -14,6 +14,7 @@
 
 #include <fstream>
 #include <iostream>
+#include <thread>
 
 using foundation::extdata::Array;
 using quorl::cmddistributor::DataArrayPayload;
@@ -179,6 +180,29 @@ TEST(DataArrayService, FirstMatchingBundleStartsOthersAreSkipped) {
         foundation::cppmicroservices::stopFramework();
         EXPECT_EQ(getVeldraDataArraySerializationService(), nullptr);
         EXPECT_EQ(nameWrittenBy(*service), "first");
+    });
+}
+
+TEST(DataArrayService, ConcurrentFirstLookupsInstallOnce) {
+    inFreshProcess([] {
+        PluginRoot dir;
+        dir.add("a_first.manifest", TEST_BUNDLE_FIRST, "protobuf");
+        foundation::cppmicroservices::startFramework(dir.root);
+        std::vector<std::shared_ptr<quorl::cmddistributor::VeldraDataArraySerializationService>>
+            got(8);
+        std::vector<std::thread> threads;
+        for (auto& g : got) {
+            threads.emplace_back([&g] { g = getVeldraDataArraySerializationService(); });
+        }
+        for (auto& t : threads) {
+            t.join();
+        }
+        for (auto& g : got) {
+            ASSERT_NE(g, nullptr);
+            EXPECT_EQ(g, got[0]);
+        }
+        EXPECT_EQ(foundation::cppmicroservices::getFramework()->GetBundles().size(), 1u);
+        EXPECT_EQ(stateOf("a_first.manifest"), cppmicroservices::Bundle::STATE_ACTIVE);
     });
 }
 
