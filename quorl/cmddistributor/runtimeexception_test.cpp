@@ -1,0 +1,406 @@
+#include <tests/support/archivetesting.hpp>
+
+#include <quorl/cmddistributor/runtimeexception.hpp>
+#include <tests/golden/runtimeexception/taggeddata.hpp>
+
+#include <fl/i18n/conversions.hpp>
+#include <hv/hvarray.hpp>
+#include <hv/matrix.hpp>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+#include <sstream>
+
+BOOST_CLASS_EXPORT_IMPLEMENT(quorl_golden::TaggedData)
+
+namespace cmddistributor {
+// Readable failure messages.
+void PrintTo(RuntimeException const& e, std::ostream* os) {
+    *os << '\n';
+    e.write(*os, "    ");
+}
+void PrintTo(RuntimeException::StackFrame const& f, std::ostream* os) {
+    *os << fl::i18n::to_string(f.file) << ':' << f.func << ':' << f.line;
+}
+} // namespace cmddistributor
+
+using cmddistributor::RuntimeException;
+using quorl_golden::TaggedData;
+using quorl_testing::Family;
+using Frame = RuntimeException::StackFrame;
+namespace status = quorl::cmddistributor;
+
+namespace {
+
+// An error of another library that keeps its own type through exception pointers.
+class HostError : public RuntimeException {
+public:
+    HostError(RuntimeException const& e, int code) : RuntimeException(e), code(code) {}
+    HostError* clone() const override { return new HostError(*this); }
+    void rethrow() const override { throw HostError(*this); }
+    int code;
+};
+
+class OtherData : public RuntimeException::AdditionalData {
+public:
+    bool isEqual(AdditionalData const& other) const override {
+        return AdditionalData::isEqual(other);
+    }
+};
+
+RuntimeException inner() {
+    return RuntimeException(status::ExecutionInterrupted, u"inner", "c:d", "g",
+                            {Frame(u"z.q", "h", 7)}, {});
+}
+
+RuntimeException sample() {
+    RuntimeException bare(status::ExecutionError, u"outer \u00e9", "a:b", "f",
+                          {Frame(u"x.q", "f", 12), Frame(u"y.q", "g", 3.5)},
+                          {inner(), RuntimeException(status::ExecutionAborted, std::string("last"),
+                                                     "", "k", {}, {})});
+    return RuntimeException(bare, boost::make_shared<TaggedData>("tag"));
+}
+
+std::string text(RuntimeException const& e, std::string const& indent) {
+    std::ostringstream os;
+    e.write(os, indent);
+    return os.str();
+}
+
+std::string goldenFolder() {
+    if (char const* root = std::getenv("QUORL_SOURCE_DIR"))
+        return std::string(root) + "/tests/golden/runtimeexception/";
+    // This file's path names the source tree (relative to the working directory or absolute).
+    std::string const here = __FILE__;
+    return here.substr(0, here.rfind("quorl/cmddistributor/")) + "tests/golden/runtimeexception/";
+}
+
+std::string readFile(std::string const& path) {
+    std::ifstream is(path, std::ios::binary);
+    EXPECT_TRUE(is) << path;
+    std::ostringstream os;
+    os << is.rdbuf();
+    return os.str();
+}
+
+// The golden file names of a family, and the families that read each.
+struct GoldenForm {
+    char const* suffix;
+    Family plain;
+    Family polymorphic;
+};
+GoldenForm const goldenForms[] = {{".txt", Family::Text, Family::PolyText},
+                                  {".xml", Family::Xml, Family::PolyXml},
+                                  {".bin", Family::Binary, Family::PolyBinary}};
+
+// An archive of RuntimeException at version 1, which no reader supports.
+struct ErrorV1 {
+    std::string id = "old";
+    template <class Archive> void serialize(Archive& ar, unsigned int) {
+        ar& boost::serialization::make_nvp("id", id);
+    }
+};
+
+} // namespace
+
+BOOST_CLASS_VERSION(ErrorV1, 1)
+
+TEST(RuntimeException, IsThrownSharedAndCompared) {
+    RuntimeException const e = sample();
+    try {
+        throw e;
+    } catch (std::exception const& caught) {
+        EXPECT_STREQ("outer \xc3\xa9", caught.what());
+    }
+    EXPECT_EQ(status::ExecutionError, e.getExecutionStatus());
+    EXPECT_EQ("a:b", e.GetID());
+    EXPECT_EQ(u"outer \u00e9", e.GetUnicodeMessageTxt());
+    ASSERT_EQ(2u, e.getCauses().size());
+    EXPECT_EQ(u"last", e.getCauses()[1].GetUnicodeMessageTxt());
+    EXPECT_FALSE(RuntimeException().getAdditionalData());
+    EXPECT_EQ(status::ExecutionError, RuntimeException().getExecutionStatus());
+
+    // Copies share the data; other additional data leaves the rest shared.
+    RuntimeException copy(e);
+    RuntimeException other(e, boost::make_shared<OtherData>());
+    RuntimeException assigned = inner();
+    assigned = other;
+    EXPECT_EQ(&e.getStackFrames(), &copy.getStackFrames());
+    EXPECT_EQ(&e.getStackFrames(), &other.getStackFrames());
+    EXPECT_EQ(&e.getCauses(), &assigned.getCauses());
+    EXPECT_EQ(other.getAdditionalData(), assigned.getAdditionalData());
+    EXPECT_EQ(e, copy);
+    EXPECT_NE(e, other);
+    EXPECT_EQ(e, RuntimeException(sample(), boost::make_shared<TaggedData>("tag")));
+    EXPECT_NE(e, RuntimeException(sample(), boost::make_shared<TaggedData>("other")));
+    EXPECT_NE(e, RuntimeException(sample(), nullptr));
+    EXPECT_EQ(RuntimeException(e, nullptr), RuntimeException(sample(), nullptr));
+    EXPECT_EQ(other, RuntimeException(e, boost::make_shared<OtherData>()));
+
+    // Each field on its own makes a difference.
+    auto with = [](status::inExecutionStatus s, ustring m, std::string id, std::string f,
+                   std::vector<Frame> frames, std::vector<RuntimeException> causes) {
+        return RuntimeException(s, std::move(m), std::move(id), std::move(f), std::move(frames),
+                                std::move(causes));
+    };
+    RuntimeException const base =
+        with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)}, {inner()});
+    EXPECT_EQ(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)}, {inner()}));
+    EXPECT_NE(base,
+              with(status::ExecutionAborted, u"m", "i", "f", {Frame(u"x", "f", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"M", "i", "f", {Frame(u"x", "f", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "I", "f", {Frame(u"x", "f", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "F", {Frame(u"x", "f", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 2)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"X", "f", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "F", 1)}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {}, {inner()}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)}, {}));
+    EXPECT_NE(base, with(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)},
+                         {RuntimeException(inner(), boost::make_shared<OtherData>())}));
+
+    // A NaN line differs from everything, also in a copy sharing the frames, but an object is
+    // equal to itself.
+    RuntimeException const nan =
+        with(status::ExecutionError, u"m", "i", "f",
+             {Frame(u"x", "f", std::numeric_limits<double>::quiet_NaN())}, {});
+    RuntimeException const nanCopy(nan);
+    EXPECT_TRUE(nan == nan);
+    EXPECT_FALSE(nan == nanCopy);
+}
+
+TEST(RuntimeException, WritesItsTextLayout) {
+    RuntimeException const e(
+        status::ExecutionError, u"outer", "a:b", "f",
+        {Frame(u"x\u00e9.q", "f", 12), Frame(u"y.q", "g", 3.5)},
+        {inner(), RuntimeException(status::ExecutionAborted, u"", "", "k", {}, {})});
+    std::ostringstream os;
+    EXPECT_EQ(&os, &e.write(os, "  "));
+    EXPECT_EQ(text(e, "  "), "  status: 2\n"
+                             "  msg: outer\n"
+                             "  id: a:b\n"
+                             "  func: f\n"
+                             "  stack:\n"
+                             "         file: x\xc3\xa9.q\n"
+                             "         func: f\n"
+                             "         line: 12\n"
+                             "         ----\n"
+                             "         file: y.q\n"
+                             "         func: g\n"
+                             "         line: 3.5\n"
+                             "         ----\n"
+                             "  cause:\n"
+                             "         status: 4\n"
+                             "         msg: inner\n"
+                             "         id: c:d\n"
+                             "         func: g\n"
+                             "         stack:\n"
+                             "                file: z.q\n"
+                             "                func: h\n"
+                             "                line: 7\n"
+                             "                ----\n"
+                             "         cause:\n"
+                             "         status: 3\n"
+                             "         msg: \n"
+                             "         id: \n"
+                             "         func: k\n"
+                             "         stack:\n"
+                             "         cause:\n");
+}
+
+TEST(RuntimeException, SurvivesEveryArchiveFamily) {
+    RuntimeException const e = sample();
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        RuntimeException back = inner();
+        RuntimeException const earlierCopy = back;
+        quorl_testing::read(f, quorl_testing::write(f, e), back);
+        EXPECT_EQ(e, back);
+        ASSERT_TRUE(dynamic_cast<TaggedData*>(back.getAdditionalData().get()));
+        EXPECT_FALSE(back.getCauses()[0].getAdditionalData());
+        // Reading gave the instance data of its own.
+        EXPECT_EQ(inner(), earlierCopy);
+        Frame frame;
+        quorl_testing::read(f, quorl_testing::write(f, Frame(u"\U0001F600", "g", -0.25)), frame);
+        EXPECT_EQ(Frame(u"\U0001F600", "g", -0.25), frame);
+    }
+    RuntimeException const small(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)},
+                                 {RuntimeException(status::ExecutionError, u"", "", "", {}, {})});
+    std::vector<std::string> const names{"object",
+                                         "id",
+                                         "message",
+                                         "status",
+                                         "function",
+                                         "frames",
+                                         "count",
+                                         "item_version",
+                                         "item",
+                                         "file",
+                                         "func",
+                                         "line",
+                                         "causes",
+                                         "count",
+                                         "item_version",
+                                         "item",
+                                         "id",
+                                         "message",
+                                         "status",
+                                         "function",
+                                         "frames",
+                                         "count",
+                                         "item_version",
+                                         "causes",
+                                         "count",
+                                         "item_version",
+                                         "additionalData",
+                                         "px",
+                                         "additionalData",
+                                         "px"};
+    EXPECT_EQ(names, quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, small)));
+}
+
+TEST(RuntimeException, PassesThroughExceptionPointersWithItsType) {
+    HostError const host(sample(), 42);
+    boost::exception_ptr caught;
+    try {
+        throw host;
+    } catch (...) {
+        caught = boost::current_exception();
+    }
+    for (boost::exception_ptr const& p : {caught, cmddistributor::toExceptionPtr(host)}) {
+        try {
+            boost::rethrow_exception(p);
+        } catch (HostError const& e) {
+            EXPECT_EQ(42, e.code);
+            EXPECT_EQ(host, e);
+        } catch (...) {
+            ADD_FAILURE() << "the dynamic type was lost";
+        }
+    }
+    std::unique_ptr<RuntimeException> clone(static_cast<RuntimeException const&>(host).clone());
+    EXPECT_TRUE(dynamic_cast<HostError*>(clone.get()));
+    try {
+        boost::rethrow_exception(cmddistributor::toExceptionPtr(inner()));
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(inner(), e);
+    }
+}
+
+TEST(RuntimeException, ReadsEveryGoldenVersion) {
+    ustring const outerMessage = u"Index exceeds 3 \u00e9l\u00e9ments \U0001F600";
+    RuntimeException const v2(
+        status::ExecutionError, outerMessage, "quorl:outer:v2", "lookup",
+        {Frame(u"/src/l\u00e4ufer.q", "lookup", 12), Frame(u"/src/main.q", "main", 3.5)},
+        {RuntimeException(status::ExecutionInterrupted, u"inner two", "quorl:inner:v2", "helper",
+                          {Frame(u"h\u00e9lper.q", "helper", 7)}, {})});
+    RuntimeException const v3(
+        RuntimeException(
+            status::ExecutionSyntaxError, outerMessage, "quorl:outer:v3", "lookup",
+            {Frame(u"/src/l\u00e4ufer.q", "lookup", 12)},
+            {RuntimeException(status::ExecutionInterrupted, u"inner three", "quorl:inner:v3",
+                              "helper", {Frame(u"helper.q", "helper", 7)}, {})}),
+        boost::make_shared<TaggedData>("three"));
+    RuntimeException const v4(
+        RuntimeException(
+            status::ExecutionError, outerMessage, "quorl:outer:v4", "lookup",
+            {Frame(u"/src/l\u00e4ufer.q", "lookup", 12), Frame(u"/src/main.q", "main", 3.5)},
+            {RuntimeException(status::ExecutionInterrupted, u"inner four", "quorl:inner:v4",
+                              "helper", {Frame(u"helper.q", "helper", 7)}, {})}),
+        boost::make_shared<TaggedData>("four"));
+
+    for (GoldenForm const& form : goldenForms) {
+        for (Family f : {form.plain, form.polymorphic}) {
+            SCOPED_TRACE(quorl_testing::familyName(f));
+            std::string const dir = goldenFolder();
+            RuntimeException e;
+            quorl_testing::read(f, readFile(dir + "runtimeexception_v2" + form.suffix), e);
+            EXPECT_EQ(v2, e);
+            EXPECT_FALSE(e.getAdditionalData());
+            quorl_testing::read(f, readFile(dir + "runtimeexception_v3" + form.suffix), e);
+            EXPECT_EQ(v3, e);
+            EXPECT_FALSE(e.getCauses().at(0).getAdditionalData());
+            std::string const current = readFile(dir + "runtimeexception_v4" + form.suffix);
+            quorl_testing::read(f, current, e);
+            EXPECT_EQ(v4, e);
+            // The current form is written exactly as it was.
+            EXPECT_EQ(current, quorl_testing::write(form.plain, v4));
+
+            Frame frame;
+            quorl_testing::read(f, readFile(dir + "stackframe_v1" + form.suffix), frame);
+            EXPECT_EQ(Frame(u"/src/l\u00e4ufer.q", "lookup", 12), frame);
+            std::string const currentFrame = readFile(dir + "stackframe_v2" + form.suffix);
+            quorl_testing::read(f, currentFrame, frame);
+            Frame const v2Frame(u"/src/l\u00e4ufer.q \U0001F600", "lookup", 12.25);
+            EXPECT_EQ(v2Frame, frame);
+            EXPECT_EQ(currentFrame, quorl_testing::write(form.plain, v2Frame));
+        }
+    }
+}
+
+TEST(RuntimeException, RejectsHostileArchives) {
+    RuntimeException e;
+    // An unsupported old version.
+    std::string const v1 = quorl_testing::write(Family::Text, ErrorV1());
+    EXPECT_THROW(quorl_testing::read(Family::Text, v1, e), boost::archive::archive_exception);
+
+    // A frame count that the bytes do not back fails at the end of the bytes, without
+    // reserving memory for it.
+    std::string bytes =
+        quorl_testing::write(Family::Text, RuntimeException(status::ExecutionError, u"", "", "MARK",
+                                                            {Frame(u"f", "g", 1)}, {}));
+    std::string const mark = "MARK 0 0 1 ";
+    std::string const lastLine = "1.00000000000000000e+00";
+    ASSERT_NE(std::string::npos, bytes.find(mark));
+    ASSERT_NE(std::string::npos, bytes.find(lastLine));
+    bytes.erase(bytes.find(lastLine) + lastLine.size());
+    bytes.replace(bytes.find(mark), mark.size(), "MARK 0 0 4000000000000000000 ");
+    EXPECT_THROW(quorl_testing::read(Family::Text, bytes, e), boost::archive::archive_exception);
+
+    // Causes nested beyond any real program are refused before they exhaust the stack.
+    auto nested = [](int depth) {
+        RuntimeException chain(status::ExecutionError, u"leaf", "", "", {}, {});
+        for (int i = 0; i < depth; ++i)
+            chain = RuntimeException(status::ExecutionError, u"", "", "", {}, {chain});
+        return quorl_testing::write(Family::Binary, chain);
+    };
+    EXPECT_NO_THROW(quorl_testing::read(Family::Binary, nested(200), e));
+    EXPECT_THROW(quorl_testing::read(Family::Binary, nested(300), e), std::runtime_error);
+    // The reader is usable again afterwards.
+    quorl_testing::read(Family::Text, quorl_testing::write(Family::Text, inner()), e);
+    EXPECT_EQ(inner(), e);
+}
+
+TEST(RuntimeException, ConvertsAStructArrayStack) {
+    EXPECT_TRUE(cmddistributor::convertStack(nullptr).empty());
+
+    char const* full[] = {"line", "file", "name"};
+    HvArrayPtr stack(hvCreateStructMatrix(1, 3, 3, full));
+    hvSetField(stack.get(), 0, "file", hvCreateString("/src/a\xc3\xa9.q"));
+    hvSetField(stack.get(), 0, "name", hvCreateString("outer"));
+    hvSetField(stack.get(), 0, "line", hvCreateDoubleScalar(12));
+    hvSetField(stack.get(), 1, "file", hvCreateString("b.q"));
+    hvSetField(stack.get(), 1, "name", hvCreateString("inner"));
+    hvSetField(stack.get(), 1, "line", hvCreateNumericScalar(hvINT32_CLASS, 3));
+    // Element 3 stays empty.
+    EXPECT_EQ((std::vector<Frame>{Frame(u"/src/a\u00e9.q", "outer", 12), Frame(u"b.q", "inner", 3),
+                                  Frame(u"", "", 0)}),
+              cmddistributor::convertStack(stack.get()));
+
+    char const* noLine[] = {"name", "file"};
+    HvArrayPtr partial(hvCreateStructMatrix(2, 1, 2, noLine));
+    hvSetField(partial.get(), 0, "file", hvCreateString("x"));
+    hvSetField(partial.get(), 1, "name", hvCreateString("y"));
+    EXPECT_EQ((std::vector<Frame>{Frame(u"x", "", 0), Frame(u"", "y", 0)}),
+              cmddistributor::convertStack(partial.get()));
+
+    HvArrayPtr number(hvCreateDoubleScalar(1));
+    EXPECT_THROW(cmddistributor::convertStack(number.get()), std::invalid_argument);
+    hvSetField(partial.get(), 0, "name", hvCreateDoubleScalar(5));
+    EXPECT_THROW(cmddistributor::convertStack(partial.get()), std::invalid_argument);
+    hvSetField(stack.get(), 2, "line", hvCreateCellMatrix(1, 1));
+    EXPECT_THROW(cmddistributor::convertStack(stack.get()), std::invalid_argument);
+}
