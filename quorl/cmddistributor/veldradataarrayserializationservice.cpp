@@ -15,7 +15,8 @@ boost::once_flag installOnce = BOOST_ONCE_INIT;
 // Installs the plug-in folder and starts the first bundle made for data arrays and Protocol
 // Buffers; the others are neither started nor looked at.
 void installSerializerPlugins() {
-    auto folder = boost::filesystem::path("bin") / "win64" / "serializer_plugins";
+    // The plug-in folder, relative: the framework resolves it under the installation root.
+    auto folder = boost::filesystem::path(L"bin") / L"win64" / L"serializer_plugins";
     auto bundles = foundation::cppmicroservices::install(folder);
     for (auto& bundle : bundles) {
         if (bundle.GetProperty("zn.serialization.for_type").ToString() ==
