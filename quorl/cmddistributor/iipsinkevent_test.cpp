@@ -1,0 +1,112 @@
+#include <tests/support/archivetesting.hpp>
+
+#include <quorl/cmddistributor/iipsinkevent.hpp>
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <sstream>
+
+using cmddistributor::IIPSinkEvent;
+using foundation::msg_svc::eventmgr::BaseEvent;
+using foundation::msg_svc::exchange::IDType;
+using quorl_testing::Family;
+
+namespace {
+
+// Records each call; takes at most `limit` units per write.
+class CountingBuffer : public std::basic_streambuf<char16_t> {
+public:
+    explicit CountingBuffer(std::streamsize limit = std::numeric_limits<std::streamsize>::max())
+        : limit_(limit) {}
+    std::vector<std::streamsize> writes;
+    std::u16string text;
+    int syncs = 0;
+
+protected:
+    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
+        writes.push_back(n);
+        std::streamsize const taken = std::min(n, limit_);
+        text.append(s, static_cast<std::size_t>(taken));
+        return taken;
+    }
+    int sync() override {
+        ++syncs;
+        return 0;
+    }
+
+private:
+    std::streamsize limit_;
+};
+
+} // namespace
+
+TEST(IIPSinkEvent, WritesItsTextAndSyncs) {
+    IDType const iip(4, 77);
+    IIPSinkEvent const empty(iip, quorl::io::OutputStream, static_cast<char16_t const*>(nullptr));
+    EXPECT_TRUE(empty.getText().empty());
+    CountingBuffer buffer;
+    EXPECT_EQ(empty.write(buffer), 0);
+    EXPECT_EQ(buffer.writes, std::vector<std::streamsize>{0}) << "an empty text is still written";
+    EXPECT_EQ(buffer.syncs, 1);
+
+    IIPSinkEvent const text(iip, quorl::io::ErrorStream, u"caf\u00e9\n");
+    EXPECT_EQ(text.write(buffer), 5);
+    EXPECT_EQ(buffer.text, u"caf\u00e9\n");
+    EXPECT_EQ(buffer.syncs, 2);
+    CountingBuffer narrow(2);
+    EXPECT_EQ(text.write(narrow), 2) << "what sputn took, not the length";
+    EXPECT_EQ(narrow.syncs, 1);
+
+    EXPECT_EQ(text.getIIPId(), iip);
+    EXPECT_EQ(text.getStreamType(), quorl::io::ErrorStream);
+    EXPECT_TRUE(text.isKindOf(u"cmddistributor::IIPSinkEvent"));
+    EXPECT_TRUE(text.isKindOf(u"foundation::msg_svc::eventmgr::BaseEvent"));
+    std::ostringstream os;
+    text.fillStream(os);
+    EXPECT_NE(os.str().find("IIPID: 4:77\nSTREAMTYPE: 1\nTEXTLEN: 5\nTEXT: caf\xc3\xa9\n\n"),
+              std::string::npos)
+        << os.str();
+    std::unique_ptr<BaseEvent> copy(text.clone());
+    EXPECT_TRUE(*copy == text);
+    EXPECT_FALSE(*copy == IIPSinkEvent(iip, quorl::io::OutputStream, text.getText()));
+    EXPECT_FALSE(*copy == IIPSinkEvent(IDType(4, 78), quorl::io::ErrorStream, text.getText()));
+}
+
+TEST(IIPSinkEvent, RoundTripsInEveryFamily) {
+    IIPSinkEvent const original(IDType(12, 345), quorl::io::OutputStream,
+                                ustring(u"x < y && \U0001F600\r\n"));
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        BaseEvent const* asBase = &original;
+        BaseEvent* back = nullptr;
+        quorl_testing::read(f, quorl_testing::write(f, asBase), back);
+        ASSERT_TRUE(back);
+        std::unique_ptr<BaseEvent> owner(back);
+        auto const* typed = dynamic_cast<IIPSinkEvent const*>(back);
+        ASSERT_TRUE(typed);
+        EXPECT_TRUE(*typed == original);
+        EXPECT_EQ(typed->getText(), original.getText());
+        EXPECT_EQ(typed->getIIPId(), original.getIIPId());
+        EXPECT_EQ(typed->getStreamType(), original.getStreamType());
+    }
+    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, original));
+    EXPECT_EQ(names,
+              (std::vector<std::string>{"object", "BaseEvent", "userTags", "count", "item_version",
+                                        "stream", "IIP", "origin", "serial", "text"}));
+}
+
+TEST(IIPSinkEventDeathTest, TextLongerThanAStreamCanTakeEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    CountingBuffer buffer;
+    char16_t const unit = u'x';
+    std::uint64_t const tooLong =
+        static_cast<std::uint64_t>(std::numeric_limits<std::streamsize>::max()) + 1;
+    EXPECT_DEATH(cmddistributor::detail::writeUnits(buffer, &unit, tooLong),
+                 "positive overflow.*\n"
+                 "cmddistributor/iipsinkevent: buffer size is larger than streamsize allows\\.");
+    // A length that fits is written as usual.
+    CountingBuffer one;
+    EXPECT_EQ(cmddistributor::detail::writeUnits(one, &unit, 1), 1);
+}
