@@ -18,7 +18,6 @@ public:
     // The active context's request id; IDType(0, 0) outside a context or before any is set.
     static foundation::msg_svc::exchange::IDType currentRequestId();
 
-    bool operator==(RequestIdAdapter const& o) const { return requestId_ == o.requestId_; }
 
 protected:
     RequestIdAdapter(RequestIdAdapter const&) = default;

@@ -1,0 +1,130 @@
+#include <quorl/cmddistributor/futureexception.hpp>
+#include <quorl/cmddistributor/iipcompletedevent.hpp>
+#include <quorl/cmddistributor/promisedelegate.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace cmddistributor;
+using foundation::msg_svc::exchange::IDType;
+
+namespace {
+std::atomic<int> extracted{0};
+void countExtraction(IIPCompletedEvent const&) {
+    ++extracted;
+}
+void throwingExtraction(IIPCompletedEvent const&) {
+    throw std::runtime_error("bad result");
+}
+int intExtraction(IIPCompletedEvent const& e) {
+    return static_cast<int>(e.getIdOfChangedIIP().serial());
+}
+} // namespace
+
+TEST(FutureExceptions, NamesAndCopies) {
+    EXPECT_STREQ(FutureException().what(), "cmddistributor::FutureException");
+    EXPECT_STREQ(AlreadyCancelledException().what(), "cmddistributor::AlreadyCancelledException");
+    EXPECT_STREQ(WrongThreadException().what(), "cmddistributor::WrongThreadException");
+    auto p = boost::copy_exception(AlreadyCancelledException());
+    EXPECT_THROW(boost::rethrow_exception(p), AlreadyCancelledException);
+}
+
+TEST(PromiseDelegate, FinisherFirstAndWaiterFirst) {
+    IIPCompletedEvent const done(IDType(1, 2), quorl::cmddistributor::ExecutionSuccess);
+    {
+        // Finisher first: waiting returns at once.
+        PromiseDelegateT<void> d(&countExtraction);
+        auto f = d.getFuture();
+        d.setValue(done);
+        EXPECT_TRUE(d.isPromiseDone());
+        d.waitTillReady();
+        f.get();
+        EXPECT_EQ(extracted.load(), 1);
+    }
+    {
+        // Asking first creates the task and answers false; a waiter blocks until setException.
+        PromiseDelegateT<void> d(nullptr);
+        auto f = d.getFuture();
+        EXPECT_FALSE(d.isPromiseDone());
+        std::atomic<bool> released{false};
+        std::thread waiter([&] {
+            d.waitTillReady();
+            released = true;
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_FALSE(released.load());
+        d.setException(boost::copy_exception(AlreadyCancelledException()));
+        waiter.join();
+        EXPECT_TRUE(released.load());
+        EXPECT_TRUE(d.isPromiseDone());
+        EXPECT_THROW(f.get(), AlreadyCancelledException);
+    }
+    {
+        // A throwing extraction reaches the future, and the delegate counts as finished.
+        PromiseDelegateT<void> d(&throwingExtraction);
+        auto f = d.getFuture();
+        d.setValue(done);
+        EXPECT_TRUE(d.isPromiseDone());
+        EXPECT_THROW(f.get(), std::runtime_error);
+        // A second completion reports that the promise is already satisfied.
+        EXPECT_THROW(d.setValue(done), boost::promise_already_satisfied);
+    }
+    {
+        PromiseDelegateT<int> d(&intExtraction);
+        auto f = d.getFuture();
+        d.setValue(done);
+        EXPECT_EQ(f.get(), 2);
+    }
+}
+
+TEST(PromiseDelegate, DestructionReleasesWaitersThroughBothDoors) {
+    auto d = std::make_unique<PromiseDelegateT<void>>(nullptr);
+    auto f = d->getFuture();
+    std::atomic<int> callbacks{0};
+    d->setWaitCallback([&] { ++callbacks; });
+    std::atomic<bool> waiterDone{false};
+    std::thread waiter([&] {
+        d->waitTillReady();
+        waiterDone = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(waiterDone.load());
+    d.reset();
+    waiter.join();
+    EXPECT_TRUE(waiterDone.load());
+    EXPECT_THROW(f.get(), boost::broken_promise);
+    // waitTillReady does not go through the Boost future, so its wait callback never ran.
+    EXPECT_EQ(callbacks.load(), 0);
+}
+
+TEST(PromiseDelegate, WaitersAndFinishersRace) {
+    // Many rounds of a waiter and a finisher starting together; whoever comes first, the waiter
+    // always returns and the future is always ready.
+    IIPCompletedEvent const done(IDType(1, 3), quorl::cmddistributor::ExecutionSuccess);
+    for (int round = 0; round < 300; ++round) {
+        PromiseDelegateT<void> d(nullptr);
+        auto f = d.getFuture();
+        std::atomic<int> go{0};
+        std::thread waiter([&] {
+            ++go;
+            while (go.load() < 2) {
+            }
+            d.waitTillReady();
+        });
+        std::thread finisher([&] {
+            ++go;
+            while (go.load() < 2) {
+            }
+            if (round % 2)
+                d.setValue(done);
+            else
+                d.setException(boost::copy_exception(WrongThreadException()));
+        });
+        waiter.join();
+        finisher.join();
+        ASSERT_TRUE(d.isPromiseDone());
+        ASSERT_TRUE(f.is_ready());
+    }
+}
