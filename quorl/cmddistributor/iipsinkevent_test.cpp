@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -39,6 +41,21 @@ protected:
 private:
     std::streamsize limit_;
 };
+
+std::string goldenFile(std::string const& name) {
+    std::string folder;
+    if (char const* root = std::getenv("QUORL_SOURCE_DIR")) {
+        folder = std::string(root) + "/tests/golden/iipsinkevent/";
+    } else {
+        std::string const here = __FILE__;
+        folder = here.substr(0, here.rfind("quorl/cmddistributor/")) + "tests/golden/iipsinkevent/";
+    }
+    std::ifstream is(folder + name, std::ios::binary);
+    EXPECT_TRUE(is) << folder + name;
+    std::ostringstream os;
+    os << is.rdbuf();
+    return os.str();
+}
 
 } // namespace
 
@@ -95,6 +112,37 @@ TEST(IIPSinkEvent, RoundTripsInEveryFamily) {
     EXPECT_EQ(names,
               (std::vector<std::string>{"object", "BaseEvent", "userTags", "count", "item_version",
                                         "stream", "IIP", "origin", "serial", "text"}));
+}
+
+TEST(IIPSinkEvent, ReadsAndStillWritesItsGoldenArchives) {
+    IIPSinkEvent const expected(IDType(1234567, 1001), quorl::io::ErrorStream,
+                                u"l\u00e4uft \U0001F600\r\n");
+    struct Form {
+        char const* file;
+        Family plain, polymorphic;
+        bool byteExact; // binary archives carry platform sizes and are only read
+    };
+    for (Form const& form :
+         {Form{"iipsinkevent_v1.txt", Family::Text, Family::PolyText, true},
+          Form{"iipsinkevent_v1.xml", Family::Xml, Family::PolyXml, true},
+          Form{"iipsinkevent_v1.bin", Family::Binary, Family::PolyBinary, false}}) {
+        SCOPED_TRACE(form.file);
+        std::string const bytes = goldenFile(form.file);
+        for (Family f : {form.plain, form.polymorphic}) {
+            BaseEvent* back = nullptr;
+            quorl_testing::read(f, bytes, back, "event");
+            std::unique_ptr<BaseEvent> owner(back);
+            auto const* typed = dynamic_cast<IIPSinkEvent const*>(back);
+            ASSERT_TRUE(typed);
+            EXPECT_EQ(typed->getIIPId(), IDType(1234567, 1001));
+            EXPECT_EQ(typed->getStreamType(), quorl::io::ErrorStream);
+            EXPECT_EQ(typed->getText(), u"l\u00e4uft \U0001F600\r\n");
+        }
+        if (form.byteExact) {
+            BaseEvent const* asBase = &expected;
+            EXPECT_EQ(quorl_testing::write(form.plain, asBase, "event"), bytes);
+        }
+    }
 }
 
 TEST(IIPSinkEventDeathTest, TextLongerThanAStreamCanTakeEndsTheProcess) {
