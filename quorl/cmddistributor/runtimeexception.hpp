@@ -6,18 +6,21 @@
 // also a serializable value (written by value, inside IIPCompletedEvent).
 //
 // Ownership: all of the error lives in one Data record held by boost::shared_ptr; copies share
-// it, as they share the AdditionalData. Nothing changes Data after construction except reading
-// an archive, which gives the instance a new Data record of its own (copies made before keep
-// the old one). So a published RuntimeException may be read by any number of threads at once;
-// one instance must not be read from an archive while another thread uses it.
+// it, as they share the AdditionalData. Data never changes after construction: reading an
+// archive gives the instance a new Data record of its own, and copies made before keep the old
+// one. So a published RuntimeException may be read by any number of threads at once; one
+// instance must not be read from an archive while another thread uses it.
 //
 // Passing through boost::exception_ptr: the class is a Boost clone_base, so
 // boost::current_exception() in a handler keeps the dynamic type, and clone()/rethrow() copy
 // and throw it. A subclass overrides clone() and rethrow() to keep its own type.
 // toExceptionPtr() makes an exception pointer from an instance without throwing it.
 //
-// Throws: the constructors and the text forms throw only std::bad_alloc. Reading an archive
-// throws boost::archive::archive_exception for a class version it cannot read (below 2).
+// Throws: the constructors and the text forms throw only std::bad_alloc, except that the
+// constructor taking a UTF-8 message throws std::runtime_error for malformed UTF-8. Reading an
+// archive throws boost::archive::archive_exception for a class version it cannot read (below 2,
+// or below 1 for a StackFrame) and for truncated or corrupt bytes, and std::runtime_error for
+// text that does not convert or for causes nested more than 256 deep.
 // convertStack throws std::invalid_argument for an array that is not a struct array or whose
 // fields do not hold text and numbers.
 #include <foundation/core/except/exception.hpp>
