@@ -14,7 +14,9 @@
 // Passing through boost::exception_ptr: the class is a Boost clone_base, so
 // boost::current_exception() in a handler keeps the dynamic type, and clone()/rethrow() copy
 // and throw it. A subclass overrides clone() and rethrow() to keep its own type.
-// toExceptionPtr() makes an exception pointer from an instance without throwing it.
+// toExceptionPtr() makes an exception pointer from an instance without throwing it; use it
+// rather than boost::copy_exception, and throw the class itself rather than through
+// boost::throw_exception: Boost's wrappers declare a clone() that does not compile with this one.
 //
 // Throws: the constructors and the text forms throw only std::bad_alloc, except that the
 // constructor taking a UTF-8 message throws std::runtime_error for malformed UTF-8. Reading an
