@@ -1,6 +1,6 @@
 // A write through the command-window buffer proxy (no log, diary or text-event subscribers: the
 // mirrors are off, the sink is set) beside the floor: the same sputn straight on the sink's own
-// buffer. Both write into a buffer that only counts, so the difference is the proxy's own cost.
+// buffer. The sink's buffer copies the text into a fixed array, as a console buffer would.
 #include <quorl/io/activecmdwinsinkproxy.hpp>
 #include <quorl/io/cmdwinhostaccess.hpp>
 
@@ -9,6 +9,7 @@
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
+#include <cstring>
 #include <string>
 
 using namespace quorl::io;
@@ -18,9 +19,11 @@ namespace {
 class CountingBuffer : public std::basic_streambuf<char16_t> {
 public:
     std::streamsize total = 0;
+    char16_t screen[4096];
 
 protected:
-    std::streamsize xsputn(char16_t const*, std::streamsize n) override {
+    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
+        std::memcpy(screen, s, static_cast<std::size_t>(n) * sizeof(char16_t));
         total += n;
         return n;
     }

@@ -10,8 +10,10 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 using namespace quorl::io;
 using foundation::usm::Context;
@@ -290,4 +292,40 @@ TEST(CmdWinSink, EachContextHasItsOwnWindow) {
     }
     EXPECT_EQ(sinkA->buffer->text, u"to a");
     EXPECT_EQ(sinkB->buffer->text, u"to b");
+}
+
+TEST(CmdWinSink, SwappingTheSinkWhileWritingLosesNothing) {
+    auto ctx = Context::create("interpreter");
+    std::vector<boost::shared_ptr<TestSink>> sinks;
+    for (int i = 0; i < 4; ++i)
+        sinks.push_back(newSink());
+    std::atomic<bool> done{false};
+    std::thread host([&] {
+        ContextScope in(ctx);
+        for (int round = 0; !done; ++round) {
+            // Null now and then, so that text also waits for a sink.
+            CmdWinHostAccess::setCmdWinSink(
+                OutputStream,
+                round % 5 == 4 ? nullptr : sinks[static_cast<std::size_t>(round % 4)]);
+            std::this_thread::yield();
+        }
+    });
+    std::u16string written;
+    {
+        ContextScope in(ctx);
+        auto out = ActiveCmdWinSinkProxy::getInstance(OutputStream);
+        for (int i = 0; i < 20000; ++i) {
+            std::u16string const piece(1 + i % 7, static_cast<char16_t>(u'a' + i % 26));
+            written += piece;
+            put(*out, piece);
+        }
+        done = true;
+        host.join();
+        CmdWinHostAccess::setCmdWinSink(OutputStream, sinks[0]);
+        out->deactivate(); // hands over what still waits
+    }
+    std::size_t arrived = 0;
+    for (auto const& s : sinks)
+        arrived += s->buffer->text.size();
+    EXPECT_EQ(arrived, written.size());
 }
