@@ -1,0 +1,27 @@
+#include <quorl/cmddistributor/cmdrequest.hpp>
+
+#include <quorl/io/activecmdwinsinkproxy.hpp>
+
+#include <boost/thread/locks.hpp>
+
+namespace cmddistributor {
+
+CmdRequest::CmdRequest(IqmStreamID streamID, boost::shared_ptr<quorl::io::VeldraSink> const& out,
+                       boost::shared_ptr<quorl::io::VeldraSink> const& err)
+    : outputSink_(out ? out : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::OutputStream)),
+      errorSink_(err ? err : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::ErrorStream)),
+      streamID_(streamID), iipMutex_(new boost::shared_mutex) {}
+
+CmdRequest::~CmdRequest() = default;
+
+boost::shared_ptr<IIP> const& CmdRequest::getIIP() const {
+    boost::upgrade_lock<boost::shared_mutex> lock(*iipMutex_);
+    if (!iip_) {
+        boost::upgrade_to_unique_lock<boost::shared_mutex> exclusive(lock);
+        if (!iip_)
+            iip_ = const_cast<CmdRequest*>(this)->createIIP();
+    }
+    return iip_;
+}
+
+} // namespace cmddistributor
