@@ -169,6 +169,8 @@ RuntimeException::RuntimeException(RuntimeException const& other,
     : data_(other.data_), additionalData_(additionalData) {}
 
 RuntimeException& RuntimeException::operator=(RuntimeException const& other) {
+    // The base keeps the text of what() once asked; its assignment forgets it.
+    foundation::core::except::UserException::operator=(other);
     data_ = other.data_;
     additionalData_ = other.additionalData_;
     return *this;
@@ -303,6 +305,8 @@ void RuntimeException::serializeExplicit(Archive& ar, unsigned int version) {
             ar& make_nvp("additionalData", additional);
         fresh->status = static_cast<inExecutionStatus>(status);
         fresh->messageId.reset(new MessageIdPairImpl(std::move(message), std::move(id)));
+        foundation::core::except::UserException::operator=(
+            foundation::core::except::UserException());
         data_ = fresh;
         additionalData_ = additional;
     }

@@ -124,7 +124,9 @@ TEST(RuntimeException, IsThrownSharedAndCompared) {
     RuntimeException const copy(e);
     RuntimeException const other(e, boost::make_shared<OtherData>());
     RuntimeException assigned = inner();
+    EXPECT_STREQ("inner", assigned.what());
     assigned = other;
+    EXPECT_STREQ("outer \xc3\xa9", assigned.what());
     EXPECT_EQ(&e.getStackFrames(), &copy.getStackFrames());
     EXPECT_EQ(&e.getStackFrames(), &other.getStackFrames());
     EXPECT_EQ(&e.getCauses(), &assigned.getCauses());
@@ -211,8 +213,10 @@ TEST(RuntimeException, SurvivesEveryArchiveFamily) {
         SCOPED_TRACE(quorl_testing::familyName(f));
         RuntimeException back = inner();
         RuntimeException const earlierCopy = back;
+        EXPECT_STREQ("inner", back.what());
         quorl_testing::read(f, quorl_testing::write(f, e), back);
         EXPECT_EQ(e, back);
+        EXPECT_STREQ("outer \xc3\xa9", back.what());
         ASSERT_TRUE(dynamic_cast<TaggedData*>(back.getAdditionalData().get()));
         EXPECT_FALSE(back.getCauses()[0].getAdditionalData());
         // Reading gave the instance data of its own.
