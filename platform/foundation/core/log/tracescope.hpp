@@ -1,7 +1,10 @@
 #pragma once
-// trace_scope: logs the entry and the exit of a scope at trace severity on a logger's channel.
-// Costs one mask test when tracing is off. Not copyable; lives on one thread's stack.
+// trace_scope: logs the entry and the exit of a scope at trace severity on a logger's channel;
+// an exit by exception is marked "[throw]". Costs one mask test when tracing is off. Not
+// copyable; lives on one thread's stack.
 #include <foundation/core/log/diagnosticlogger.hpp>
+
+#include <exception>
 
 namespace foundation {
 namespace core {
@@ -10,7 +13,8 @@ namespace log {
 class trace_scope {
 public:
     trace_scope(diagnostic_logger const& logger, char const* name)
-        : logger_(logger), name_(name), on_(logger.is_enabled(trace)) {
+        : logger_(logger), name_(name), on_(logger.is_enabled(trace)),
+          uncaught_(std::uncaught_exceptions()) {
         if (on_)
             detail::emit(logger_.channel(), trace, std::string("enter ") + name_);
     }
@@ -19,7 +23,9 @@ public:
     ~trace_scope() {
         if (on_) {
             try {
-                detail::emit(logger_.channel(), trace, std::string("leave ") + name_);
+                bool const throwing = std::uncaught_exceptions() > uncaught_;
+                detail::emit(logger_.channel(), trace,
+                             std::string("leave ") + name_ + (throwing ? " [throw]" : ""));
             } catch (...) {
             }
         }
@@ -29,6 +35,7 @@ private:
     diagnostic_logger const& logger_;
     char const* name_;
     bool on_;
+    int uncaught_;
 };
 
 } // namespace log

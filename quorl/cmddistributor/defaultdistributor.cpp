@@ -1,0 +1,438 @@
+#include <quorl/cmddistributor/defaultdistributor.hpp>
+#include <quorl/cmddistributor/futureexception.hpp>
+#include <quorl/cmddistributor/iipcancelmessage.hpp>
+#include <quorl/cmddistributor/iipcancelreply.hpp>
+#include <quorl/cmddistributor/iipcompletedevent.hpp>
+#include <quorl/cmddistributor/iipenqueuemessage.hpp>
+#include <quorl/cmddistributor/iiprunnowmessage.hpp>
+#include <quorl/cmddistributor/iipsinkevent.hpp>
+#include <quorl/eventmgr/eventmgraccess.hpp>
+#include <quorl/eventmgr/tarnshutdownevent.hpp>
+#include <quorl/utils/fennmutex.hpp>
+
+#include <foundation/core/except/exception.hpp>
+#include <foundation/core/log/tracescope.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/threadutil/concurrenttbbhashmap.hpp>
+#include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
+
+#include <boost/make_shared.hpp>
+
+namespace cmddistributor {
+
+using foundation::msg_svc::eventmgr::EventMgr;
+using foundation::msg_svc::exchange::Address;
+using foundation::msg_svc::exchange::ExchangeApi;
+using foundation::msg_svc::exchange::IDType;
+using foundation::msg_svc::threadutil::ConcurrentMap;
+using foundation::msg_svc::threadutil::ConcurrentTBBHashMap;
+using foundation::msg_svc::threadutil::ReleaseCountedMutexGuard;
+using quorl::contextmgr::FennID;
+using quorl::contextmgr::TarnID;
+namespace log = foundation::core::log;
+
+namespace {
+
+// ---- Deadlock checkers: wait callbacks that keep a blocked client from stopping the work it
+// waits for (by holding the fenn mutex, or by being the thread that would run the request).
+
+class DeadlockChecker {
+public:
+    DeadlockChecker(boost::shared_ptr<EventMgr> eventMgr,
+                    std::weak_ptr<CmdDistributor::RequestTracking> tracking, bool checkRunNowThread,
+                    FennID fennID)
+        : eventMgr_(std::move(eventMgr)), tracking_(std::move(tracking)),
+          checkRunNowThread_(checkRunNowThread), fennID_(fennID) {}
+    virtual ~DeadlockChecker() = default;
+
+    void operator()() {
+        if (checkRunNowThread_ && isRunNowThread(fennID_)) {
+            if (isDone())
+                return;
+            unblock();
+            if (isDone())
+                return;
+            throw WrongThreadException();
+        }
+        if (fenn_mutex_is_acquired()) {
+            if (auto record = tracking_.lock()) {
+                ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
+                record->waitTillReady();
+            }
+        }
+    }
+
+    bool isDone() const {
+        auto record = tracking_.lock();
+        return !record || record->isRequestDone();
+    }
+
+    virtual void unblock() {
+        if (eventMgr_)
+            eventMgr_->flush();
+    }
+
+protected:
+    boost::shared_ptr<EventMgr> eventMgr_;
+    std::weak_ptr<CmdDistributor::RequestTracking> tracking_;
+    bool checkRunNowThread_;
+    FennID fennID_;
+};
+
+class RequestDeadlockChecker : public DeadlockChecker {
+public:
+    RequestDeadlockChecker(Address address, IDType requestID, boost::shared_ptr<EventMgr> eventMgr,
+                           std::weak_ptr<CmdDistributor::RequestTracking> tracking,
+                           bool checkRunNowThread, FennID fennID)
+        : DeadlockChecker(std::move(eventMgr), std::move(tracking), checkRunNowThread, fennID),
+          address_(std::move(address)), requestID_(requestID) {}
+
+    void unblock() override {
+        ExchangeApi::instance()->submit(boost::make_shared<IIPRunNowMessage>(requestID_), address_);
+        if (isDone())
+            return;
+        if (eventMgr_)
+            eventMgr_->flush();
+    }
+
+private:
+    Address address_;
+    IDType requestID_;
+};
+
+// boost::function copies its target: keep the checker's virtual dispatch through a pointer.
+template <class Checker>
+boost::function<void()> asCallback(std::shared_ptr<Checker> checker) {
+    return [checker]() { (*checker)(); };
+}
+
+// ---- Process-wide registries of distributors.
+
+typedef ConcurrentTBBHashMap<ConcurrentMap<FennID, boost::shared_ptr<DefaultDistributor>>>
+    SharedMap;
+typedef ConcurrentTBBHashMap<ConcurrentMap<FennID, boost::weak_ptr<DefaultDistributor>>> WeakMap;
+
+struct Registries {
+    SharedMap shared;
+    WeakMap weak;
+};
+
+Registries& registries() {
+    static boost::once_flag once = BOOST_ONCE_INIT;
+    static Registries* r = nullptr;
+    // Never destroyed: the distributors made by instance() live for the whole process.
+    boost::call_once(once, [] { r = new Registries; });
+    return *r;
+}
+
+std::string const& cachedLocalExchangeName() {
+    static std::string const name = ExchangeApi::instance()->getExchangeName();
+    return name;
+}
+
+} // namespace
+
+// ---- Finding a distributor
+
+CmdDistributor& CmdDistributor::instance() {
+    auto d = registries().shared.getOrCreate(quorl::contextmgr::AnyFennID, [] {
+        return boost::make_shared<DefaultDistributor>(quorl::contextmgr::AnyFennID);
+    });
+    return *d;
+}
+
+boost::shared_ptr<CmdDistributor> CmdDistributor::instance(FennID const& id) {
+    Registries& r = registries();
+    if (auto weak = r.weak.find(id)) {
+        if (auto live = weak->lock())
+            return live;
+    }
+    return r.shared.getOrCreate(id, [id] { return boost::make_shared<DefaultDistributor>(id); });
+}
+
+boost::shared_ptr<CmdDistributor>
+CmdDistributor::create(FennID const& id, std::string const& exchangeName,
+                       boost::optional<TarnID> const& tarn,
+                       boost::shared_ptr<EventMgr> const& eventMgr) {
+    if (exchangeName != cachedLocalExchangeName())
+        return boost::make_shared<DefaultDistributor>(id, exchangeName, tarn, eventMgr);
+    boost::shared_ptr<DefaultDistributor> made;
+    auto weak = registries().weak.getOrCreate(id, [&] {
+        made = boost::make_shared<DefaultDistributor>(id, exchangeName, tarn, eventMgr);
+        return boost::weak_ptr<DefaultDistributor>(made);
+    });
+    return weak.lock();
+}
+
+// ---- Construction and destruction
+
+DefaultDistributor::DefaultDistributor(FennID const& fennID)
+    : tracking_(new ConcurrentTBBHashMap<TrackingMap>()), fennID_(fennID),
+      exchangeName_(ExchangeApi::instance()->getExchangeName()),
+      localExchangeName_(exchangeName_),
+      address_(exchangeName_, Address::SpecializedQueues::noqueue()),
+      eventMgr_(quorl::eventmgr::createRemoteEventMgr(exchangeName_, boost::none, boost::none)),
+      shuttingDown_(false), log_("cmddistributor::DefaultDistributor"),
+      clearOnDestruction_(false), subscribeOnce_(BOOST_ONCE_INIT), isLocal_(true) {}
+
+DefaultDistributor::DefaultDistributor(FennID const& fennID, std::string const& exchangeName,
+                                       boost::optional<TarnID> const& tarnID,
+                                       boost::shared_ptr<EventMgr> const& eventMgr)
+    : tracking_(new ConcurrentTBBHashMap<TrackingMap>()), fennID_(fennID),
+      exchangeName_(exchangeName), localExchangeName_(ExchangeApi::instance()->getExchangeName()),
+      address_(exchangeName_, Address::SpecializedQueues::noqueue()), tarnID_(tarnID),
+      eventMgr_(eventMgr), shuttingDown_(false), log_("cmddistributor::DefaultDistributor"),
+      clearOnDestruction_(true), subscribeOnce_(BOOST_ONCE_INIT),
+      isLocal_(exchangeName_ == localExchangeName_) {}
+
+DefaultDistributor::~DefaultDistributor() {
+    try {
+        for (auto* c : {&sinkConnection_, &completedConnection_, &discardedConnection_,
+                        &localShutdownConnection_, &remoteShutdownConnection_,
+                        &commErrorConnection_}) {
+            foundation::msg_svc::eventmgr::ScopedConnection empty;
+            c->swap(empty);
+        }
+        if (!shuttingDown_.load() && tracking_) {
+            if (clearOnDestruction_)
+                tracking_->clear();
+            else
+                (void)tracking_.release(); // left unreleased on purpose at process end
+        }
+    } catch (...) {
+    }
+}
+
+std::size_t DefaultDistributor::trackedCount() const {
+    return tracking_ ? tracking_->size() : 0;
+}
+
+// ---- Subscriptions
+
+void DefaultDistributor::subscribe() {
+    boost::call_once(subscribeOnce_, [this] {
+        boost::weak_ptr<DefaultDistributor> weak =
+            boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
+        if (!eventMgr_)
+            throw std::logic_error("DefaultDistributor: no event manager");
+        sinkConnection_.assign(eventMgr_->subscribe<IIPSinkEvent>([weak](IIPSinkEvent const& e) {
+            if (auto self = weak.lock())
+                self->sinkEvent(e);
+        }));
+        completedConnection_.assign(
+            eventMgr_->subscribe<IIPCompletedEvent>([weak](IIPCompletedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->completed(e);
+            }));
+        discardedConnection_.assign(
+            eventMgr_->subscribe<IIPDiscardedEvent>([weak](IIPDiscardedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->cancelled(e.getIdOfChangedIIP());
+            }));
+        remoteShutdownConnection_.assign(eventMgr_->subscribe<quorl::eventmgr::TARNShutdownEvent>(
+            [weak](quorl::eventmgr::TARNShutdownEvent const&) {
+                if (auto self = weak.lock())
+                    self->shutdown();
+            }));
+        auto local = quorl::eventmgr::createLocalEventMgr(boost::none);
+        localShutdownConnection_.assign(local->subscribe<quorl::eventmgr::TARNShutdownEvent>(
+            [weak](quorl::eventmgr::TARNShutdownEvent const&) {
+                if (auto self = weak.lock())
+                    self->shutdown();
+            }));
+        typedef foundation::msg_svc::exchange::CommunicationErrorEvent CommErr;
+        commErrorConnection_.assign(local->subscribe<CommErr>(
+            [weak](CommErr const& e) {
+                if (auto self = weak.lock())
+                    self->communicationError(e);
+            },
+            {CommErr::ExchangeSpecificEventType(exchangeName_)}));
+    });
+}
+
+// ---- The road of a request
+
+void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType const& id,
+                                        quorl::cmddistributor::WhenToDequeue::WhenToDequeue when,
+                                        std::uint32_t bypassGuard) {
+    if (!record)
+        return;
+    subscribe();
+    boost::shared_ptr<IIP> const iip = record->getRequest()->getIIP();
+
+    if (isLocal_ && record->hasPromise() && (bypassGuard == 0 || !record->hasContinuation()) &&
+        !*iip->getEventMgrBypass()) {
+        boost::weak_ptr<DefaultDistributor> weak =
+            boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
+        iip->setEventMgrBypass(IIP::EventMgrBypass(
+            [weak](IIPCompletedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->completed(e);
+            },
+            [weak](IIPDiscardedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->cancelled(e.getIdOfChangedIIP());
+            }));
+    }
+
+    std::shared_ptr<RequestTracking> shared(record.release(), RequestTrackingDeleter());
+
+    if (shared->hasPromise() && shared->needsDeadlockChecking()) {
+        shared->getPromise()->setWaitCallback(asCallback(std::make_shared<RequestDeadlockChecker>(
+            address_, id, eventMgr_, std::weak_ptr<RequestTracking>(shared), isLocal_, fennID_)));
+    }
+    bool const hasFuture = shared->hasPromise();
+
+    if (!shuttingDown_.load()) {
+        if (!tracking_->insert(std::make_pair(id, shared)))
+            throw std::logic_error("attempting to enqueue the same CmdRequest twice.");
+    }
+
+    try {
+        ExchangeApi::instance()->submit(
+            boost::make_shared<IIPEnqueueMessage>(iip, id, fennID_, tarnID_, eventMgr_, when,
+                                                  hasFuture),
+            address_);
+    } catch (...) {
+        failSubmission(id);
+    }
+}
+
+void DefaultDistributor::failSubmission(IDType const& id) {
+    auto record = tracking_->remove(id);
+    if (!record)
+        return; // dropped: nobody is left to hear of it
+    if (!(*record)->hasPromise())
+        throw;
+    try {
+        throw;
+    } catch (RuntimeException const& e) {
+        (*record)->setException(toExceptionPtr(e));
+    } catch (...) {
+        (*record)->setException(boost::current_exception());
+    }
+}
+
+// ---- Handlers
+
+void DefaultDistributor::completed(IIPCompletedEvent const& event) {
+    log::trace_scope scope(log_, "completed");
+    ZN_LOG(log_, log::debug) << " event=" << [&] {
+        std::ostringstream s;
+        event.fillStream(s);
+        return s.str();
+    }();
+    if (auto record = tracking_->remove(event.getIdOfChangedIIP()))
+        (*record)->setValue(event);
+}
+
+void DefaultDistributor::cancelled(IDType const& id) {
+    log::trace_scope scope(log_, "cancelled");
+    ZN_LOG(log_, log::debug) << " id=" << id.toString();
+    if (auto record = tracking_->remove(id))
+        (*record)->setException(boost::copy_exception(AlreadyCancelledException()));
+}
+
+boost::shared_ptr<CmdRequest> DefaultDistributor::getRequest(IDType const& id) const {
+    if (auto record = tracking_->find(id))
+        return (*record)->getRequest();
+    return nullptr;
+}
+
+void DefaultDistributor::sinkEvent(IIPSinkEvent const& event) {
+    auto request = getRequest(event.getIIPId());
+    if (!request)
+        return;
+    auto const& sink = event.getStreamType() == quorl::io::ErrorStream ? request->getErrorSink()
+                                                                         : request->getOutputSink();
+    if (!sink)
+        return;
+    if (auto const& buffer = sink->getUnicodeOutStreamBuffer()) {
+        event.write(*buffer);
+        sink->setDirty(true);
+    }
+}
+
+void DefaultDistributor::communicationError(
+    foundation::msg_svc::exchange::CommunicationErrorEvent const& event) {
+    std::string message;
+    try {
+        boost::rethrow_exception(event.getException());
+    } catch (foundation::core::except::IUserException const& e) {
+        message = e.GetMessageTxt();
+    } catch (std::exception const& e) {
+        message = e.what();
+    } catch (...) {
+        message = "communication failure";
+    }
+    // Any exception's text may hold malformed UTF-8: convert leniently.
+    RuntimeException const failure(quorl::cmddistributor::ExecutionCommunicationError,
+                                   foundation::core::except::detail::widenLenient(message),
+                                   std::string(), std::string(), {}, {});
+    boost::exception_ptr const failurePtr = toExceptionPtr(failure);
+    while (tracking_->size() != 0) {
+        std::vector<IDType> ids;
+        ids.reserve(tracking_->size());
+        tracking_->forEach(
+            [&ids](std::pair<IDType const, std::shared_ptr<RequestTracking>> const& e) {
+                ids.push_back(e.first);
+            });
+        for (auto const& id : ids) {
+            if (auto record = tracking_->remove(id))
+                (*record)->setException(failurePtr);
+        }
+    }
+}
+
+void DefaultDistributor::shutdown() {
+    shuttingDown_.exchange(true);
+    tracking_->clear();
+}
+
+// ---- Cancel
+
+boost::unique_future<CmdDistributor::CancelStatus>
+DefaultDistributor::cancelRequest(IDType const& id, bool interrupt) {
+    auto promise = std::make_unique<boost::promise<CancelStatus>>();
+    boost::unique_future<CancelStatus> result = promise->get_future();
+    auto found = tracking_->find(id);
+    if (!found) {
+        promise->set_value(CancelNotFound);
+        return result;
+    }
+    std::shared_ptr<RequestTracking> record = *found;
+    promise->set_wait_callback(boost::function<void(boost::promise<CancelStatus>&)>(
+        [checker = std::make_shared<DeadlockChecker>(eventMgr_, std::weak_ptr<RequestTracking>(record),
+                                                     isLocal_, fennID_)](
+            boost::promise<CancelStatus>&) { (*checker)(); }));
+    record->cancel(std::move(promise));
+
+    Address const to(exchangeName_, Address::SpecializedQueues::unordered());
+    auto reply = foundation::msg_svc::exchange::submitForReply<IIPCancelReply>(
+        *ExchangeApi::instance(), boost::make_shared<IIPCancelMessage>(id, interrupt), to);
+    int status;
+    {
+        ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
+        auto r = reply.get();
+        status = r ? static_cast<int>(r->getStatus()) : 0;
+    }
+    switch (status) {
+    case 0:
+        record->cancelled(CancelNotFound);
+        break;
+    case 1:
+        record->cancelled(CancelNotCancelled);
+        break;
+    case 2: {
+        record.reset(); // the checker must see the record go when the request ends
+        ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
+        result.wait();
+        break;
+    }
+    default:
+        break;
+    }
+    return result;
+}
+
+} // namespace cmddistributor

@@ -1,0 +1,424 @@
+// The default distributor against a scripted interpreter side: the test installs the host
+// functions, sees each packet arrive, and finishes it the way a host would (through the bypass,
+// through events, or not at all).
+#include <quorl/cmddistributor/defaultdistributor.hpp>
+#include <quorl/cmddistributor/futureexception.hpp>
+#include <quorl/cmddistributor/iipcancelmessage.hpp>
+#include <quorl/cmddistributor/iipcancelreply.hpp>
+#include <quorl/cmddistributor/iipcompletedevent.hpp>
+#include <quorl/cmddistributor/iipenqueuemessage.hpp>
+#include <quorl/cmddistributor/iiprunnowmessage.hpp>
+#include <quorl/cmddistributor/iipsinkevent.hpp>
+#include <quorl/eventmgr/eventmgraccess.hpp>
+#include <quorl/eventmgr/tarnshutdownevent.hpp>
+#include <quorl/utils/fennmutex.hpp>
+
+#include <cpp11compat/u16streams.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+
+#include <boost/make_shared.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <thread>
+
+using namespace cmddistributor;
+using foundation::msg_svc::eventmgr::DeliverQueued;
+using foundation::msg_svc::eventmgr::EventMgr;
+using foundation::msg_svc::exchange::IDType;
+using foundation::msg_svc::exchange::Reply;
+using quorl::contextmgr::FennID;
+namespace WTD = quorl::cmddistributor::WhenToDequeue;
+
+namespace {
+
+class TestIIP : public IIP {
+public:
+    TestIIP() : IIP("test", DefaultIqmStreamID, quorl::io::SinkTraits(), quorl::io::SinkTraits()) {}
+    bool canBeSerialized() const override { return false; }
+};
+
+class TestRequest : public CmdRequest {
+public:
+    explicit TestRequest(boost::shared_ptr<quorl::io::VeldraSink> out = nullptr,
+                         boost::shared_ptr<quorl::io::VeldraSink> err = nullptr)
+        : CmdRequest(DefaultIqmStreamID, out, err) {}
+
+protected:
+    boost::shared_ptr<IIP> createIIP() override { return boost::make_shared<TestIIP>(); }
+};
+
+} // namespace
+
+namespace cmddistributor {
+template <>
+struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
+} // namespace cmddistributor
+
+namespace {
+
+class StringSink : public quorl::io::VeldraSink {
+public:
+    StringSink() : VeldraSink(boost::make_shared<cpp11compat::u16stringbuf>()) {}
+    std::u16string text() const {
+        return static_cast<cpp11compat::u16stringbuf&>(*getUnicodeOutStreamBuffer()).str();
+    }
+};
+
+// The scripted interpreter side.
+struct Arrival {
+    boost::shared_ptr<IIP> iip;
+    IDType id;
+    boost::shared_ptr<EventMgr> eventMgr;
+    bool hasFuture;
+};
+
+struct Side {
+    std::mutex m;
+    std::condition_variable cv;
+    std::deque<Arrival> arrived;
+    std::atomic<int> cancelReply{0};
+    std::atomic<int> cancels{0};
+    std::atomic<int> runNows{0};
+    // What run-now does: finish the packet through its bypass, when set.
+    std::atomic<bool> runNowCompletes{true};
+    std::map<IDType, Arrival> byId;
+
+    Arrival next() {
+        std::unique_lock<std::mutex> l(m);
+        EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(10), [&] { return !arrived.empty(); }));
+        Arrival a = arrived.front();
+        arrived.pop_front();
+        return a;
+    }
+};
+Side side;
+thread_local bool isRunNowThreadHere = false;
+
+boost::shared_ptr<Reply const> deliverHere(foundation::msg_svc::exchange::Routing const&,
+                                           boost::shared_ptr<IIP> iip, IDType const& id,
+                                           FennID const&, boost::optional<quorl::contextmgr::TarnID> const&,
+                                           boost::shared_ptr<EventMgr> mgr, WTD::WhenToDequeue,
+                                           bool hasFuture) {
+    {
+        std::lock_guard<std::mutex> l(side.m);
+        Arrival a{iip, id, mgr, hasFuture};
+        side.arrived.push_back(a);
+        side.byId[id] = a;
+    }
+    side.cv.notify_all();
+    return Reply::defaultReply();
+}
+
+boost::shared_ptr<Reply const> cancelHere(IDType const&, bool) {
+    ++side.cancels;
+    return boost::make_shared<IIPCancelReply const>(
+        static_cast<IIPCancelReply::CancelStatus>(side.cancelReply.load()));
+}
+
+void runNowHere(IDType const& id) {
+    ++side.runNows;
+    if (!side.runNowCompletes)
+        return;
+    Arrival a;
+    {
+        std::lock_guard<std::mutex> l(side.m);
+        a = side.byId[id];
+    }
+    if (a.iip)
+        (*a.iip->getEventMgrBypass())(IIPCompletedEvent(id, quorl::cmddistributor::ExecutionSuccess));
+}
+
+bool isRunNowThreadTest(FennID const&) {
+    return isRunNowThreadHere;
+}
+
+struct InstallHost {
+    InstallHost() {
+        setDeliverFuncPtr(&deliverHere);
+        setCancelFuncPtr(&cancelHere);
+        setRunNowFuncPtr(&runNowHere);
+        setIsRunNowThreadFuncPtr(&isRunNowThreadTest);
+    }
+};
+
+void complete(Arrival const& a, quorl::cmddistributor::inExecutionStatus status, bool viaBypass) {
+    IIPCompletedEvent e(a.id, status);
+    if (viaBypass)
+        (*a.iip->getEventMgrBypass())(e);
+    else
+        a.eventMgr->publish(boost::make_shared<IIPCompletedEvent const>(a.id, status));
+}
+
+FennID nextFenn() {
+    static std::atomic<int> n{100};
+    return FennID{n++};
+}
+
+} // namespace
+
+class Distributor : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { static InstallHost install; }
+};
+
+TEST_F(Distributor, FindsAndCreatesDistributors) {
+    auto& def = CmdDistributor::instance();
+    EXPECT_EQ(&def, &CmdDistributor::instance());
+    EXPECT_EQ(def.getFennID(), quorl::contextmgr::AnyFennID);
+    FennID const id = nextFenn();
+    auto a = CmdDistributor::instance(id);
+    EXPECT_EQ(a, CmdDistributor::instance(id));
+    auto local = foundation::msg_svc::exchange::ExchangeApi::instance()->getExchangeName();
+    FennID const created = nextFenn();
+    auto mgr = quorl::eventmgr::createLocalEventMgr(boost::none);
+    auto c1 = CmdDistributor::create(created, local, boost::none, mgr);
+    auto c2 = CmdDistributor::create(created, local, boost::none, mgr);
+    EXPECT_EQ(c1, c2);
+    EXPECT_EQ(CmdDistributor::instance(created), c1); // a live created one is preferred
+    auto r1 = CmdDistributor::create(created, "elsewhere", boost::none, mgr);
+    auto r2 = CmdDistributor::create(created, "elsewhere", boost::none, mgr);
+    EXPECT_NE(r1, r2);
+    EXPECT_FALSE(boost::static_pointer_cast<DefaultDistributor>(r1)->isLocal());
+    c1.reset();
+    c2.reset();
+    EXPECT_FALSE(CmdDistributor::create(created, local, boost::none, mgr)); // died: null
+    EXPECT_NE(CmdDistributor::instance(created), nullptr); // instance makes one of its own
+}
+
+TEST_F(Distributor, CompletesThroughTheBypassAndThroughEvents) {
+    auto d = CmdDistributor::instance(nextFenn());
+    auto request = boost::make_shared<TestRequest>();
+    IDType const id;
+    auto future = d->enqueueWithFuture(request, id);
+    Arrival a = side.next();
+    EXPECT_EQ(a.id, id);
+    EXPECT_TRUE(a.hasFuture);
+    EXPECT_TRUE(bool(*a.iip->getEventMgrBypass())); // same exchange and a promise
+    complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+    EXPECT_NO_THROW(future.get());
+    complete(a, quorl::cmddistributor::ExecutionSuccess, false); // a second completion: harmless
+
+    // A continuation-bearing request through events, with an error.
+    std::atomic<int> continued{0};
+    auto f2 = d->enqueueWithContinuation(boost::make_shared<TestRequest>(), [&] { ++continued; });
+    Arrival b = side.next();
+    RuntimeException error(quorl::cmddistributor::ExecutionError, ustring(u"boom"), "test:boom", "f",
+                           {}, {});
+    b.eventMgr->publish(boost::make_shared<IIPCompletedEvent const>(b.id, error));
+    try {
+        f2.get();
+        FAIL() << "expected the request's error";
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(e.GetUnicodeMessageTxt(), u"boom");
+    }
+    b.eventMgr->flush();
+    EXPECT_EQ(continued.load(), 1);
+
+    // Fire and forget: no future, no bypass.
+    d->enqueue(boost::make_shared<TestRequest>(), WTD::DequeueWhenIdle);
+    Arrival c = side.next();
+    EXPECT_FALSE(c.hasFuture);
+    EXPECT_FALSE(bool(*c.iip->getEventMgrBypass()));
+    complete(c, quorl::cmddistributor::ExecutionSuccess, false);
+
+    // The same id twice.
+    IDType const twice;
+    auto f3 = d->enqueueWithFuture(boost::make_shared<TestRequest>(), twice);
+    try {
+        d->enqueueWithFuture(boost::make_shared<TestRequest>(), twice);
+        FAIL();
+    } catch (std::logic_error const& e) {
+        EXPECT_STREQ(e.what(), "attempting to enqueue the same CmdRequest twice.");
+    }
+    Arrival t = side.next();
+    complete(t, quorl::cmddistributor::ExecutionSuccess, true);
+    f3.get();
+    EXPECT_THROW(d->enqueueWithFuture(boost::shared_ptr<TestRequest>()), std::invalid_argument);
+}
+
+TEST_F(Distributor, RoutesSinkTextToTheRequestsSinks) {
+    auto d = CmdDistributor::instance(nextFenn());
+    auto out = boost::make_shared<StringSink>();
+    auto err = boost::make_shared<StringSink>();
+    auto future = d->enqueueWithFuture(boost::make_shared<TestRequest>(out, err));
+    Arrival a = side.next();
+    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"hello "));
+    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::ErrorStream, u"oops"));
+    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"world"));
+    a.eventMgr->publish(boost::make_shared<IIPCompletedEvent const>(a.id, quorl::cmddistributor::ExecutionSuccess));
+    future.get();
+    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"late"));
+    a.eventMgr->flush();
+    EXPECT_EQ(out->text(), u"hello world"); // text after the end is dropped
+    EXPECT_EQ(err->text(), u"oops");
+    EXPECT_TRUE(out->isDirty());
+}
+
+TEST_F(Distributor, CancelTable) {
+    auto d = CmdDistributor::instance(nextFenn());
+    // Unknown: a ready 0, no message.
+    int const before = side.cancels.load();
+    EXPECT_EQ(d->cancelRequest(IDType(), true).get(), CmdDistributor::CancelNotFound);
+    EXPECT_EQ(side.cancels.load(), before);
+
+    // The interpreter replies 0 or 1: the request runs on.
+    for (int reply : {0, 1}) {
+        side.cancelReply = reply;
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        EXPECT_EQ(d->cancelRequest(a.id, false).get(), reply);
+        complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+        EXPECT_NO_THROW(f.get());
+    }
+
+    // Reply 2, then a discard: the request reports AlreadyCancelledException, cancel says true.
+    side.cancelReply = 2;
+    {
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        std::thread host([a] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            a.eventMgr->publish(boost::make_shared<IIPDiscardedEvent const>(a.id));
+        });
+        EXPECT_TRUE(d->cancel(a.id));
+        host.join();
+        EXPECT_THROW(f.get(), AlreadyCancelledException);
+    }
+    // Reply 2, then a completion of status 4: the cancel ends with 3.
+    {
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        std::thread host([a] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            complete(a, quorl::cmddistributor::ExecutionInterrupted, true);
+        });
+        EXPECT_EQ(d->cancelRequest(a.id, true).get(), CmdDistributor::CancelEndedByStatus4);
+        host.join();
+        EXPECT_THROW(f.get(), RuntimeException);
+    }
+    // A second cancel while the first is pending throws, and the first goes on.
+    side.cancelReply = 1;
+    {
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        auto tracked = boost::static_pointer_cast<DefaultDistributor>(d);
+        // Make the first cancel pending by hand through the record: cancel with reply 1 stores
+        // 1 but a pending promise is what the second must meet, so race two cancels.
+        std::atomic<int> threw{0};
+        std::thread t1([&] {
+            try {
+                d->cancelRequest(a.id, false).get();
+            } catch (AlreadyCancelledException const&) {
+                ++threw;
+            }
+        });
+        std::thread t2([&] {
+            try {
+                d->cancelRequest(a.id, false).get();
+            } catch (AlreadyCancelledException const&) {
+                ++threw;
+            }
+        });
+        t1.join();
+        t2.join();
+        EXPECT_LE(threw.load(), 1);
+        complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+        f.get();
+        EXPECT_EQ(tracked->trackedCount(), 0u);
+    }
+}
+
+TEST_F(Distributor, CommunicationErrorAndShutdown) {
+    // A distributor towards an exchange that cannot be reached: the failure ends its requests
+    // with status 5, and the distributor stays usable.
+    auto mgr = quorl::eventmgr::createLocalEventMgr(boost::none);
+    auto d = CmdDistributor::create(nextFenn(), "unreachable-exchange", boost::none, mgr);
+    auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+    try {
+        f.get();
+        FAIL() << "expected a communication failure";
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionCommunicationError);
+        EXPECT_FALSE(e.GetUnicodeMessageTxt().empty());
+    }
+    auto again = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+    EXPECT_THROW(again.get(), RuntimeException);
+
+    // Shutdown drops tracked requests (broken_promise); later ones are sent but not tracked.
+    auto local = CmdDistributor::instance(nextFenn());
+    auto pending = local->enqueueWithFuture(boost::make_shared<TestRequest>());
+    Arrival a = side.next();
+    auto session = quorl::eventmgr::createLocalEventMgr(boost::none);
+    session->notify<quorl::eventmgr::TARNShutdownEvent>(DeliverQueued);
+    session->flush();
+    EXPECT_THROW(pending.get(), boost::broken_promise);
+    IDType const id;
+    auto after = local->enqueueWithFuture(boost::make_shared<TestRequest>(), id);
+    EXPECT_NO_THROW(local->enqueueWithFuture(boost::make_shared<TestRequest>(), id));
+    EXPECT_THROW(after.get(), boost::broken_promise);
+    side.next();
+    side.next();
+    (void)a;
+}
+
+TEST_F(Distributor, WaitersNeitherDeadlockNorHoldTheFennMutex) {
+    auto d = CmdDistributor::instance(nextFenn());
+    // A waiter that holds the fenn mutex gives it up while it waits and holds it again after.
+    {
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        std::atomic<bool> freeDuringWait{false};
+        std::thread host([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            freeDuringWait = quorl::utils::getFennMutex()->try_lock();
+            if (freeDuringWait)
+                quorl::utils::getFennMutex()->unlock();
+            complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+        });
+        fenn_acquire_mutex();
+        fenn_acquire_mutex();
+        f.get();
+        EXPECT_EQ(quorl::utils::getFennMutex()->depthOfCaller(), 2u);
+        fenn_release_mutex();
+        fenn_release_mutex();
+        host.join();
+        EXPECT_TRUE(freeDuringWait.load());
+    }
+    // On the run-now thread: run-now completes the request, and the value comes back.
+    isRunNowThreadHere = true;
+    {
+        side.runNowCompletes = true;
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        side.next();
+        int const runNows = side.runNows.load();
+        EXPECT_NO_THROW(f.get());
+        EXPECT_EQ(side.runNows.load(), runNows + 1);
+    }
+    // On the run-now thread, a request that stays undone: WrongThreadException.
+    {
+        side.runNowCompletes = false;
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        EXPECT_THROW(f.get(), WrongThreadException);
+        isRunNowThreadHere = false;
+        complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+        EXPECT_NO_THROW(f.get());
+    }
+    // On the run-now thread, a request already done: no run-now message.
+    isRunNowThreadHere = true;
+    {
+        auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+        Arrival a = side.next();
+        complete(a, quorl::cmddistributor::ExecutionSuccess, true);
+        int const runNows = side.runNows.load();
+        f.get();
+        EXPECT_EQ(side.runNows.load(), runNows);
+    }
+    isRunNowThreadHere = false;
+    side.runNowCompletes = true;
+}
