@@ -10,16 +10,29 @@ namespace i18n {
 
 namespace conv = boost::locale::conv;
 
+namespace {
+// Boost.Locale says only "Conversion failed"; say what was being converted.
+template <class To, class From>
+std::basic_string<To> strict(std::basic_string<From> const& text, char const* what) {
+    try {
+        return conv::utf_to_utf<To>(text, conv::stop);
+    } catch (conv::conversion_error const&) {
+        throw std::runtime_error(std::string("malformed ") + what + " text (" +
+                                 std::to_string(text.size()) + " units)");
+    }
+}
+} // namespace
+
 std::string to_string(ustring const& text) {
-    return conv::utf_to_utf<char>(text, conv::stop);
+    return strict<char>(text, "UTF-16");
 }
 
 std::string to_string(std::wstring const& text) {
-    return conv::utf_to_utf<char>(text, conv::stop);
+    return strict<char>(text, "wide");
 }
 
 ustring to_ustring(std::string const& utf8) {
-    return conv::utf_to_utf<char16_t>(utf8, conv::stop);
+    return strict<char16_t>(utf8, "UTF-8");
 }
 
 ustring to_ustring(char const* utf8) {
@@ -27,15 +40,15 @@ ustring to_ustring(char const* utf8) {
 }
 
 ustring to_ustring(std::wstring const& text) {
-    return conv::utf_to_utf<char16_t>(text, conv::stop);
+    return strict<char16_t>(text, "wide");
 }
 
 std::wstring to_wstring(ustring const& text) {
-    return conv::utf_to_utf<wchar_t>(text, conv::stop);
+    return strict<wchar_t>(text, "UTF-16");
 }
 
 std::wstring to_wstring(std::string const& utf8) {
-    return conv::utf_to_utf<wchar_t>(utf8, conv::stop);
+    return strict<wchar_t>(utf8, "UTF-8");
 }
 
 ustring getenv(std::string const& name) {
