@@ -1,0 +1,194 @@
+#include <tests/support/archivetesting.hpp>
+
+#include <quorl/cmddistributor/fcncmdrequest.hpp>
+#include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
+#include <quorl/cmddistributor/packagedtaskiip.hpp>
+
+#include <boost/thread/future.hpp>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <type_traits>
+
+using namespace cmddistributor;
+using foundation::msg_svc::eventmgr::BaseEvent;
+using foundation::msg_svc::exchange::IDType;
+using quorl_testing::Family;
+
+static_assert(std::is_void<decltype(CmdRequestTraits<FcnCmdRequest<void>>::extractResult(
+                  std::declval<IIPCompletedEvent const&>()))>::value,
+              "the future of a void task carries nothing");
+
+namespace {
+
+boost::shared_ptr<PackagedTaskIIP> makeTask(int& runs) {
+    return boost::make_shared<PackagedTaskIIP>([&runs]() -> boost::any { return ++runs; },
+                                               boost::shared_ptr<quorl::io::VeldraSink>(),
+                                               boost::shared_ptr<quorl::io::VeldraSink>());
+}
+
+// Writes `object` through a pointer to `Base` and reads it back; returns the text of the
+// exception that the read raised ("" if none).
+template <class Base> std::string refusalOnRead(Family f, Base const& object, std::string& bytes) {
+    Base const* asBase = &object;
+    bytes = quorl_testing::write(f, asBase);
+    Base* back = nullptr;
+    try {
+        quorl_testing::read(f, bytes, back);
+    } catch (std::logic_error const& e) {
+        return e.what();
+    }
+    delete back;
+    return "";
+}
+
+} // namespace
+
+TEST(PackagedTaskIIP, HoldsItsTaskAndRefusesAnEmptyOne) {
+    int runs = 0;
+    auto task = makeTask(runs);
+    EXPECT_EQ(task->getPluginType(), "packaged_task");
+    EXPECT_EQ(task->getStreamID(), UnsetIqmStreamID);
+    EXPECT_FALSE(task->canBeSerialized());
+    EXPECT_FALSE(task->wasSerialized());
+    EXPECT_EQ(boost::any_cast<int>(task->getFunction()()), 1);
+    EXPECT_EQ(boost::any_cast<int>(task->getFunction()()), 2);
+    EXPECT_EQ(runs, 2);
+
+    try {
+        PackagedTaskIIP empty(PackagedTaskIIP::Function(), nullptr, nullptr);
+        FAIL() << "an empty task was accepted";
+    } catch (std::invalid_argument const& e) {
+        EXPECT_STREQ(e.what(), "func cannot be empty.");
+    }
+}
+
+TEST(PackagedTaskIIP, TextNamesTheTaskTypeAfterThePacket) {
+    int runs = 0;
+    auto task = makeTask(runs);
+    std::string text = task->toString();
+    EXPECT_EQ(text.rfind("PLUGINTYPE packaged_task\nSTREAM -2\n", 0), 0u) << text;
+    std::string tail = "std::function<void ()> cannot be serialized.\n";
+    ASSERT_GE(text.size(), tail.size());
+    EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
+    EXPECT_EQ(runs, 0) << "printing must not run the task";
+}
+
+TEST(PackagedTaskIIP, SavesItsFormAndRefusesToLoadInEveryFamily) {
+    int runs = 0;
+    auto task = makeTask(runs);
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        std::string bytes;
+        EXPECT_EQ(refusalOnRead<IIP>(f, *task, bytes),
+                  "cannot deserialize cmddistributor::PackagedTaskIIP");
+        EXPECT_NE(bytes.find("cmddistributor::PackagedTaskIIP"), std::string::npos)
+            << "written under its export key";
+        EXPECT_NE(bytes.find("std::function"), std::string::npos) << "the task type is written";
+    }
+    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, *task));
+    std::vector<std::string> expected{"object", "iip", "streamid", "plugintype", "outtraits"};
+    ASSERT_GE(names.size(), expected.size());
+    EXPECT_EQ(std::vector<std::string>(names.begin(), names.begin() + 5), expected);
+    EXPECT_EQ(names.back(), "taskType");
+    EXPECT_EQ(runs, 0);
+}
+
+TEST(PackagedTaskCompletedEvent, ResultTypeAndTextByConstructor) {
+    IDType id;
+    PackagedTaskCompletedEvent none(id, boost::optional<RuntimeException>());
+    EXPECT_EQ(none.type(), typeid(void));
+    EXPECT_EQ(none.getExecutionStatus(), 0);
+    EXPECT_EQ(none.getIdOfChangedIIP(), id);
+    std::ostringstream noneText;
+    none.fillStream(noneText);
+    std::string tail = "EXECUTION_STATUS 0\ncontains void";
+    ASSERT_GE(noneText.str().size(), tail.size());
+    EXPECT_EQ(noneText.str().substr(noneText.str().size() - tail.size()), tail) << noneText.str();
+
+    PackagedTaskCompletedEvent failed(id,
+                                      RuntimeException(quorl::cmddistributor::ExecutionError,
+                                                       std::string("boom"), "a:b", "f", {}, {}));
+    EXPECT_EQ(failed.getExecutionStatus(), 2);
+    ASSERT_TRUE(failed.getException());
+    EXPECT_EQ(failed.type(), typeid(void));
+    std::ostringstream failedText;
+    failed.fillStream(failedText);
+    EXPECT_NE(failedText.str().find("EXECUTION_STATUS 2\ncontains void"), std::string::npos);
+
+    PackagedTaskCompletedEvent valued(id, boost::any(std::string("x")));
+    EXPECT_EQ(valued.getExecutionStatus(), 0);
+    EXPECT_EQ(boost::any_cast<std::string>(valued.getTaskResult()), "x");
+    std::ostringstream valuedText;
+    valued.fillStream(valuedText);
+    EXPECT_NE(valuedText.str().find("contains std::__cxx11::basic_string"), std::string::npos)
+        << valuedText.str();
+}
+
+TEST(PackagedTaskCompletedEvent, ReferenceWrapperSwapsTheValueOutAndCloneCopiesIt) {
+    boost::any source = 42;
+    PackagedTaskCompletedEvent event(IDType(), boost::ref(source));
+    EXPECT_TRUE(source.empty());
+    ASSERT_EQ(event.type(), typeid(int));
+    EXPECT_EQ(boost::any_cast<int>(event.getTaskResult()), 42);
+
+    std::unique_ptr<BaseEvent> copy(event.clone());
+    auto* typed = dynamic_cast<PackagedTaskCompletedEvent*>(copy.get());
+    ASSERT_TRUE(typed);
+    EXPECT_EQ(boost::any_cast<int>(typed->getTaskResult()), 42);
+    EXPECT_EQ(typed->getIdOfChangedIIP(), event.getIdOfChangedIIP());
+    EXPECT_NE(boost::any_cast<int>(&typed->getTaskResult()),
+              boost::any_cast<int>(&event.getTaskResult()))
+        << "the clone holds its own copy of the result";
+    EXPECT_TRUE(typed->isKindOf(u"::cmddistributor::IIPCompletedEvent"));
+}
+
+TEST(PackagedTaskCompletedEvent, SavesResultTypeAndRefusesToLoadInEveryFamily) {
+    boost::optional<RuntimeException> noException;
+    PackagedTaskCompletedEvent empty(IDType(), noException);
+    PackagedTaskCompletedEvent valued(IDType(), boost::any(7));
+    EXPECT_FALSE(empty.canBeSerialized());
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        std::string bytes;
+        EXPECT_EQ(refusalOnRead<BaseEvent>(f, empty, bytes),
+                  "cannot deserialize cmddistributor::PackagedTaskCompletedEvent");
+        EXPECT_NE(bytes.find("void"), std::string::npos);
+        EXPECT_EQ(refusalOnRead<BaseEvent>(f, valued, bytes),
+                  "cannot deserialize cmddistributor::PackagedTaskCompletedEvent");
+    }
+    std::string xml = quorl_testing::write(Family::Xml, valued);
+    auto names = quorl_testing::xmlElementNames(xml);
+    ASSERT_GE(names.size(), 3u);
+    EXPECT_EQ(names[1], "IIPCompletedEvent");
+    EXPECT_EQ(names.back(), "result_type");
+    EXPECT_NE(xml.find("<result_type>int</result_type>"), std::string::npos) << xml;
+}
+
+TEST(FcnCmdRequest, WrapsItsTaskIntoAPacketWhoseResultIsAnEmptyVoidFuture) {
+    int runs = 0;
+    auto request = boost::make_shared<FcnCmdRequest<void>>([&runs] { ++runs; }, nullptr, nullptr);
+    auto packet = boost::dynamic_pointer_cast<PackagedTaskIIP>(request->getIIP());
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(request->getIIP(), request->getIIP());
+    EXPECT_EQ(packet->getOutputSink(), request->getOutputSink());
+    EXPECT_EQ(packet->getErrorSink(), request->getErrorSink());
+    EXPECT_TRUE(packet->getOutputSink()) << "null sinks become the command window's";
+    EXPECT_EQ(runs, 0);
+
+    boost::any result = packet->getFunction()();
+    EXPECT_EQ(runs, 1);
+    auto* future = boost::any_cast<boost::shared_ptr<boost::unique_future<void>>>(&result);
+    ASSERT_TRUE(future);
+    ASSERT_TRUE(*future);
+    EXPECT_FALSE((*future)->valid());
+
+    FcnCmdRequest<void> nothing(boost::function<void()>(), nullptr, nullptr);
+    auto emptyPacket = boost::dynamic_pointer_cast<PackagedTaskIIP>(nothing.getIIP());
+    ASSERT_TRUE(emptyPacket);
+    boost::any emptyResult;
+    EXPECT_NO_THROW(emptyResult = emptyPacket->getFunction()());
+    EXPECT_TRUE(boost::any_cast<boost::shared_ptr<boost::unique_future<void>>>(&emptyResult));
+}
