@@ -13,6 +13,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 using namespace cmddistributor;
@@ -257,4 +260,29 @@ TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
     EXPECT_NE(text.str().find("IIP: null\n  hasFuture: true\n  FENNID: 3TARNID: 9\n"),
               std::string::npos)
         << text.str();
+}
+
+TEST(EnqueueMessage, OldVersionTwoIsRead) {
+    for (Family f : {Family::Text, Family::Xml}) {
+        char const* src = std::getenv("QUORL_SOURCE_DIR");
+        std::string path = std::string(src ? src : ".") +
+                           "/tests/golden/enqueuemessage/iipenqueuemessage.v2" +
+                           (f == Family::Xml ? ".xml" : ".txt");
+        std::ifstream in(path);
+        ASSERT_TRUE(in.good()) << path;
+        std::stringstream bytes;
+        bytes << in.rdbuf();
+        foundation::msg_svc::exchange::Message* back = nullptr;
+        quorl_testing::read(f, bytes.str(), back);
+        std::unique_ptr<foundation::msg_svc::exchange::Message> owned(back);
+        auto* e = dynamic_cast<IIPEnqueueMessage*>(back);
+        ASSERT_TRUE(e);
+        EXPECT_EQ(e->getFennId().value, 7);
+        ASSERT_TRUE(e->getTarnId());
+        EXPECT_EQ(e->getTarnId()->value, 11u);
+        EXPECT_FALSE(e->getIIP());
+        EXPECT_EQ(e->getIIPId(), IDType(0, 0));
+        EXPECT_FALSE(e->getHasFuture());        // the version had no such field
+        EXPECT_EQ(e->getDequeueMode(), WTD::DequeueLegacy); // 3
+    }
 }
