@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
 
 namespace quorl {
 namespace io {
@@ -17,20 +18,22 @@ namespace {
 std::atomic<SendFunction> sendFunction{nullptr};
 
 // The log and diary streams, read and replaced with boost::atomic_load/store. The flags say
-// whether a stream was ever set, so that a write without them touches no shared pointer.
+// whether a stream is set, so that a write without them touches no shared pointer; setters
+// change pointer and flag together under streamsMutex.
 boost::shared_ptr<std::basic_ostream<char16_t>> logStream;
 boost::shared_ptr<std::ostream> diaryStream;
-std::atomic<bool> logEverSet{false};
-std::atomic<bool> diaryEverSet{false};
+std::atomic<bool> logSet{false};
+std::atomic<bool> diarySet{false};
+std::mutex streamsMutex;
 
 boost::shared_ptr<std::basic_ostream<char16_t>> currentLog() {
-    if (!logEverSet.load(std::memory_order_acquire))
+    if (!logSet.load(std::memory_order_acquire))
         return nullptr;
     return boost::atomic_load(&logStream);
 }
 
 boost::shared_ptr<std::ostream> currentDiary() {
-    if (!diaryEverSet.load(std::memory_order_acquire))
+    if (!diarySet.load(std::memory_order_acquire))
         return nullptr;
     return boost::atomic_load(&diaryStream);
 }
@@ -48,13 +51,15 @@ foundation::msg_svc::eventmgr::WatchToken const& textEventWatch() {
 } // namespace
 
 void SetLogStreamPtr(boost::shared_ptr<std::basic_ostream<char16_t>> const& log) {
+    std::lock_guard<std::mutex> lock(streamsMutex);
     boost::atomic_store(&logStream, log);
-    logEverSet.store(true, std::memory_order_release);
+    logSet.store(static_cast<bool>(log), std::memory_order_release);
 }
 
 void SetDiaryStreamPtr(boost::shared_ptr<std::ostream> const& diary) {
+    std::lock_guard<std::mutex> lock(streamsMutex);
     boost::atomic_store(&diaryStream, diary);
-    diaryEverSet.store(true, std::memory_order_release);
+    diarySet.store(static_cast<bool>(diary), std::memory_order_release);
 }
 
 void SetSendIfMoreAllows::set(SendFunction send) {
