@@ -89,40 +89,6 @@ template <class T> void checkEventGoldens(std::string const& stem, T const& expe
     }
 }
 
-// The traits golden holds two objects: traits by value, then traits through a pointer.
-template <class Archive, class Interface = Archive>
-void readBoth(std::string const& bytes, SinkTraits& traits, SinkTraits*& pointer) {
-    std::istringstream is(bytes);
-    Archive a(is);
-    static_cast<Interface&>(a) >> boost::serialization::make_nvp("traits", traits) >>
-        boost::serialization::make_nvp("pointer", pointer);
-}
-
-void readTraits(Family f, std::string const& bytes, SinkTraits& traits, SinkTraits*& pointer) {
-    using namespace boost::archive;
-    switch (f) {
-    case Family::Text:
-        return readBoth<text_iarchive>(bytes, traits, pointer);
-    case Family::Xml:
-        return readBoth<xml_iarchive>(bytes, traits, pointer);
-    case Family::Binary:
-        return readBoth<binary_iarchive>(bytes, traits, pointer);
-    case Family::PolyText:
-        return readBoth<polymorphic_text_iarchive, polymorphic_iarchive>(bytes, traits, pointer);
-    case Family::PolyXml:
-        return readBoth<polymorphic_xml_iarchive, polymorphic_iarchive>(bytes, traits, pointer);
-    case Family::PolyBinary:
-        return readBoth<polymorphic_binary_iarchive, polymorphic_iarchive>(bytes, traits, pointer);
-    }
-}
-
-template <class Archive>
-void writeTraits(std::ostream& os, SinkTraits const& traits, SinkTraits const* pointer) {
-    Archive a(os);
-    a << boost::serialization::make_nvp("traits", traits)
-      << boost::serialization::make_nvp("pointer", pointer);
-}
-
 } // namespace
 
 TEST(Golden, SinkTraitsVersion1) {
@@ -132,9 +98,7 @@ TEST(Golden, SinkTraitsVersion1) {
         std::string const bytes = goldenFile(std::string("sinktraits/sinktraits_v1") + form.suffix);
         for (Family f : {form.plain, form.polymorphic}) {
             SinkTraits traits;
-            SinkTraits* pointer = nullptr;
-            readTraits(f, bytes, traits, pointer);
-            std::unique_ptr<SinkTraits> owner(pointer);
+            quorl_testing::read(f, bytes, traits, "traits");
             // Stored with paging on; read without it.
             EXPECT_FALSE(traits.supportsMore());
             EXPECT_FALSE(traits.supportsHotlinks());
@@ -142,17 +106,9 @@ TEST(Golden, SinkTraitsVersion1) {
             EXPECT_FALSE(traits.useDiary());
             EXPECT_TRUE(traits.useEcho());
             EXPECT_TRUE(traits.useLogging());
-            ASSERT_TRUE(pointer);
-            EXPECT_TRUE(*pointer == SinkTraits());
         }
         if (form.byteExact) {
-            std::ostringstream os;
-            SinkTraits const defaults;
-            if (form.plain == Family::Text)
-                writeTraits<boost::archive::text_oarchive>(os, written, &defaults);
-            else
-                writeTraits<boost::archive::xml_oarchive>(os, written, &defaults);
-            EXPECT_EQ(os.str(), bytes);
+            EXPECT_EQ(quorl_testing::write(form.plain, written, "traits"), bytes);
         }
     }
 }

@@ -1,7 +1,6 @@
 // Writes the golden archives of quorl::io::SinkTraits (version 1) into the folder given as the
-// only argument, in text, XML and binary form: traits of a sink by value ("traits"), then the
-// default traits through a pointer ("pointer"). Paging is on in the first, so that a reader shows
-// that it drops it. Run it only when a new version is added.
+// only argument, in text, XML and binary form, as "traits". Paging is on in what is written, so
+// that a reader shows that it drops it. Run it only when a new version is added.
 #include <foundation/msg_svc/serialization/archives.hpp>
 
 #include <quorl/io/sinktraits.hpp>
@@ -25,10 +24,7 @@ template <class Archive>
 void writeTo(std::string const& path, std::ios::openmode mode, quorl::io::SinkTraits const& t) {
     std::ofstream os(path, mode);
     Archive a(os);
-    quorl::io::SinkTraits const defaults;
-    quorl::io::SinkTraits const* p = &defaults;
     a << boost::serialization::make_nvp("traits", t);
-    a << boost::serialization::make_nvp("pointer", p);
 }
 
 } // namespace
