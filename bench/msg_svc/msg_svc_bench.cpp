@@ -3,6 +3,8 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 
+#include <bench/support/latch.hpp>
+
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
 
@@ -75,23 +77,7 @@ private:
     std::thread thread_;
 };
 
-// Waits for a count to be reached, as a subscriber's signal.
-struct Latch {
-    std::mutex m;
-    std::condition_variable cv;
-    long count = 0;
-    void add() {
-        {
-            std::lock_guard<std::mutex> l(m);
-            ++count;
-        }
-        cv.notify_one();
-    }
-    void waitFor(long n) {
-        std::unique_lock<std::mutex> l(m);
-        cv.wait(l, [&] { return count >= n; });
-    }
-};
+using quorl_bench::Latch;
 
 void BM_ExchangeRoundTrip(benchmark::State& state) {
     auto ex = exchange::ExchangeApi::instance();

@@ -4,6 +4,8 @@
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
+#include <bench/support/latch.hpp>
+
 #include <benchmark/benchmark.h>
 
 #include <atomic>
@@ -38,22 +40,7 @@ using foundation::msg_svc::exchange::IDType;
 
 namespace {
 
-struct Latch {
-    std::mutex m;
-    std::condition_variable cv;
-    long count = 0;
-    void add() {
-        {
-            std::lock_guard<std::mutex> l(m);
-            ++count;
-        }
-        cv.notify_one();
-    }
-    void waitFor(long n) {
-        std::unique_lock<std::mutex> l(m);
-        cv.wait(l, [&] { return count >= n; });
-    }
-};
+using quorl_bench::Latch;
 
 void reportAllocations(benchmark::State& state, long before) {
     state.counters["allocs"] =
