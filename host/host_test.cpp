@@ -1,0 +1,358 @@
+#include <host/host.hpp>
+#include <host/packetexecution.hpp>
+
+#include <quorl/cmddistributor/cmddistributor.hpp>
+#include <quorl/cmddistributor/defaultdistributor.hpp>
+#include <quorl/cmddistributor/fcncmdrequest.hpp>
+#include <quorl/cmddistributor/futureexception.hpp>
+#include <quorl/cmddistributor/iipcancelreply.hpp>
+#include <quorl/cmddistributor/iipenqueuemessage.hpp>
+#include <quorl/cmddistributor/iiprunnowmessage.hpp>
+#include <quorl/cmddistributor/iipsinkevent.hpp>
+#include <quorl/cmddistributor/lockbflhelper.hpp>
+#include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
+#include <quorl/cmddistributor/requestidadapter.hpp>
+#include <quorl/contextmgr/contextregistry.hpp>
+#include <quorl/eventmgr/eventmgraccess.hpp>
+#include <quorl/utils/fennmutex.hpp>
+
+#include <boost/make_shared.hpp>
+#include <boost/thread/future.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+using namespace cmddistributor;
+using foundation::msg_svc::eventmgr::BaseEvent;
+using foundation::msg_svc::exchange::IDType;
+using foundation::msg_svc::exchange::Reply;
+using foundation::msg_svc::exchange::Routing;
+using quorl::contextmgr::FennID;
+using quorl::host::Host;
+
+namespace {
+
+constexpr auto kPatience = std::chrono::seconds(20);
+
+// A packet that loops through safe points until it is interrupted or released.
+struct LoopRunner : quorl::host::PacketRunner {
+    std::atomic<bool> release{false};
+    std::atomic<int> safePoints{0};
+    boost::shared_ptr<IIPCompletedEvent> run(quorl::host::PacketExecution& execution) override {
+        execution.output(quorl::io::StreamTypeEnum(0), u"looping");
+        while (!release.load()) {
+            ++safePoints;
+            execution.safePoint();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return boost::make_shared<IIPCompletedEvent>(execution.getId(),
+                                                     quorl::cmddistributor::ExecutionSuccess);
+    }
+};
+
+class LoopRequest : public CmdRequest {
+public:
+    LoopRequest() : CmdRequest(UnsetIqmStreamID, nullptr, nullptr) {}
+
+protected:
+    boost::shared_ptr<IIP> createIIP() override {
+        return boost::make_shared<IIP>("test_loop", UnsetIqmStreamID, nullptr, nullptr);
+    }
+};
+
+// The completion or discard that reached a packet's bypass, and the thread it came on.
+struct BypassProbe {
+    std::promise<boost::shared_ptr<BaseEvent>> ended;
+    std::thread::id thread;
+    IIP::EventMgrBypass bypass() {
+        return IIP::EventMgrBypass(
+            [this](IIPCompletedEvent const& e) {
+                thread = std::this_thread::get_id();
+                ended.set_value(boost::shared_ptr<BaseEvent>(e.clone()));
+            },
+            [this](IIPDiscardedEvent const& e) {
+                thread = std::this_thread::get_id();
+                ended.set_value(boost::shared_ptr<BaseEvent>(e.clone()));
+            });
+    }
+};
+
+boost::shared_ptr<IIP> taskPacket(boost::function<void()> f) {
+    return FcnCmdRequest<void>(std::move(f), nullptr, nullptr).getIIP();
+}
+
+void deliverTo(FennID fenn, boost::shared_ptr<IIP> const& iip, IDType const& id,
+               boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> mgr = nullptr) {
+    Host::deliver(Routing("test", "noqueue"), iip, id, fenn, boost::none, std::move(mgr),
+                  quorl::cmddistributor::WhenToDequeue::DequeueWhenIdle, true);
+}
+
+class HostTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        loop = boost::make_shared<LoopRunner>();
+        Host::registerRunner("test_loop", loop);
+        Host::start();
+    }
+    void TearDown() override {
+        loop->release = true;
+        Host::stop();
+    }
+    boost::shared_ptr<LoopRunner> loop;
+};
+
+} // namespace
+
+TEST_F(HostTest, PackagedTaskRunsInItsContextAndItsFutureCompletes) {
+    FennID const fenn{3};
+    std::thread::id ranOn;
+    FennID seenFenn = quorl::contextmgr::UndefinedFennID;
+    bool heldMutex = false;
+    IDType seenRequest(0, 0);
+    auto request = boost::make_shared<FcnCmdRequest<void>>(
+        [&] {
+            ranOn = std::this_thread::get_id();
+            seenFenn = quorl::contextmgr::ContextRegistry::getFennID();
+            heldMutex = quorl::utils::getFennMutex()->isLockedByCaller();
+            seenRequest = RequestIdAdapter::currentRequestId();
+        },
+        nullptr, nullptr);
+    IDType const id;
+    auto future = CmdDistributor::instance(fenn)->enqueueWithFuture(request, id);
+    ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_NO_THROW(future.get());
+    EXPECT_TRUE(*request->getIIP()->getEventMgrBypass()) << "one process: the bypass is set";
+    EXPECT_NE(ranOn, std::this_thread::get_id());
+    EXPECT_EQ(seenFenn, fenn);
+    EXPECT_TRUE(heldMutex);
+    EXPECT_EQ(seenRequest, id);
+    EXPECT_EQ(Host::interpreter(fenn)->queuedCount(), 0u);
+}
+
+TEST_F(HostTest, CompletesThroughTheBypassOrElseThroughEventsAndReportsThrowingTasks) {
+    FennID const fenn{4};
+    // With a bypass: the completion comes on the interpreter thread, no event is published.
+    auto mgr = quorl::eventmgr::createLocalEventMgr(quorl::contextmgr::TarnID{4004});
+    std::atomic<int> published{0};
+    auto sub = mgr->subscribe<IIPCompletedEvent>([&](IIPCompletedEvent const&) { ++published; });
+    BypassProbe probe;
+    auto iip = taskPacket([] { throw std::runtime_error("task failed"); });
+    iip->setEventMgrBypass(probe.bypass());
+    IDType const failing;
+    auto ended = probe.ended.get_future();
+    deliverTo(fenn, iip, failing, mgr);
+    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
+    auto event = boost::dynamic_pointer_cast<PackagedTaskCompletedEvent>(ended.get());
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->getIdOfChangedIIP(), failing);
+    EXPECT_EQ(event->getExecutionStatus(), quorl::cmddistributor::ExecutionError);
+    ASSERT_TRUE(event->getException());
+    EXPECT_EQ(event->getException()->GetMessageTxt(), "task failed");
+    EXPECT_TRUE(Host::isRunNowThread(fenn) == false);
+
+    // Without one: the completion is published on the message's manager, with the task's result.
+    std::promise<boost::shared_ptr<BaseEvent>> viaEvent;
+    auto sub2 =
+        mgr->subscribe<PackagedTaskCompletedEvent>([&](PackagedTaskCompletedEvent const& e) {
+            viaEvent.set_value(boost::shared_ptr<BaseEvent>(e.clone()));
+        });
+    IDType const plain;
+    deliverTo(fenn, taskPacket([] {}), plain, mgr);
+    auto second = viaEvent.get_future();
+    ASSERT_EQ(second.wait_for(kPatience), std::future_status::ready);
+    auto done = boost::dynamic_pointer_cast<PackagedTaskCompletedEvent>(second.get());
+    ASSERT_TRUE(done);
+    EXPECT_EQ(done->getIdOfChangedIIP(), plain);
+    EXPECT_EQ(done->getExecutionStatus(), 0);
+    EXPECT_TRUE(done->type() == typeid(boost::shared_ptr<boost::unique_future<void>>));
+    mgr->flush();
+    EXPECT_EQ(published.load(), 1) << "only the packet without a bypass is published";
+}
+
+TEST_F(HostTest, CancelDiscardsAQueuedPacketAndInterruptsARunningOne) {
+    FennID const fenn{5};
+    auto distributor = CmdDistributor::instance(fenn);
+    boost::shared_ptr<CmdRequest> looping = boost::make_shared<LoopRequest>();
+    IDType const loopId;
+    auto loopFuture = distributor->enqueueWithFuture(looping, loopId);
+    while (loop->safePoints.load() == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+    std::atomic<bool> queuedRan{false};
+    auto queued =
+        boost::make_shared<FcnCmdRequest<void>>([&] { queuedRan = true; }, nullptr, nullptr);
+    IDType const queuedId;
+    auto queuedFuture = distributor->enqueueWithFuture(queued, queuedId);
+    // The enqueue travels through the exchange: wait until the packet is in the queue.
+    auto interpreter = Host::interpreter(fenn);
+    auto until = std::chrono::steady_clock::now() + kPatience;
+    while (interpreter->queuedCount() == 0 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_EQ(interpreter->queuedCount(), 1u);
+
+    // Without interrupt a running packet runs on.
+    auto reply = boost::dynamic_pointer_cast<IIPCancelReply const>(Host::cancel(loopId, false));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(reply->getStatus(), IIPCancelReply::CancelNotCancelled);
+
+    auto status = distributor->cancelRequest(queuedId, false);
+    ASSERT_TRUE(status.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_EQ(status.get(), CmdDistributor::CancelDone);
+    ASSERT_TRUE(queuedFuture.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_THROW(queuedFuture.get(), AlreadyCancelledException);
+
+    auto interrupted = distributor->cancelRequest(loopId, true);
+    ASSERT_TRUE(interrupted.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_EQ(interrupted.get(), CmdDistributor::CancelEndedByStatus4);
+    ASSERT_TRUE(loopFuture.timed_wait(boost::posix_time::seconds(20)));
+    try {
+        loopFuture.get();
+        ADD_FAILURE() << "an interrupted packet completed normally";
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionInterrupted);
+    }
+    EXPECT_FALSE(queuedRan.load());
+
+    // Ended and unknown packets.
+    reply = boost::dynamic_pointer_cast<IIPCancelReply const>(Host::cancel(loopId, true));
+    EXPECT_EQ(reply->getStatus(), IIPCancelReply::CancelNotCancelled);
+    reply = boost::dynamic_pointer_cast<IIPCancelReply const>(Host::cancel(IDType(), true));
+    EXPECT_EQ(reply->getStatus(), IIPCancelReply::CancelNotFound);
+}
+
+TEST_F(HostTest, RunNowRunsAQueuedPacketNestedOnTheCallingInterpreterThread) {
+    FennID const fenn{6};
+    std::vector<std::string> order;
+    std::thread::id outerThread, innerThread;
+    BypassProbe innerProbe;
+    IDType const innerId;
+    auto inner = taskPacket([&] {
+        innerThread = std::this_thread::get_id();
+        order.push_back("inner");
+    });
+    inner->setEventMgrBypass(innerProbe.bypass());
+    bool wasRunNowThread = false;
+    auto outer = boost::make_shared<FcnCmdRequest<void>>(
+        [&] {
+            outerThread = std::this_thread::get_id();
+            wasRunNowThread = isRunNowThread(fenn);
+            deliverTo(fenn, inner, innerId);
+            order.push_back("outer before");
+            IIPRunNowMessage(innerId).deliver(Routing("test", "noqueue"));
+            order.push_back("outer after");
+        },
+        nullptr, nullptr);
+    auto future = CmdDistributor::instance(fenn)->enqueueWithFuture(outer);
+    ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+    future.get();
+    EXPECT_TRUE(wasRunNowThread);
+    EXPECT_FALSE(isRunNowThread(fenn));
+    EXPECT_EQ(order, (std::vector<std::string>{"outer before", "inner", "outer after"}));
+    EXPECT_EQ(innerThread, outerThread);
+    auto ended = innerProbe.ended.get_future();
+    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
+    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPCompletedEvent>(ended.get()));
+}
+
+TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
+    // The default context's interpreter holds the mutex in a packet without safe points. It runs
+    // the helper's task nested (run-now) as soon as it is queued, so the only way for this thread
+    // to get the mutex is the task's release.
+    auto interpreter = Host::interpreter(quorl::contextmgr::BlessedFennID);
+    std::atomic<bool> started{false}, helperHasLock{false}, sawHelperLock{false};
+    std::atomic<bool> nextRan{false};
+    auto busy = boost::make_shared<FcnCmdRequest<void>>(
+        [&] {
+            started = true;
+            auto until = std::chrono::steady_clock::now() + kPatience;
+            while (interpreter->queuedCount() == 0 && std::chrono::steady_clock::now() < until)
+                std::this_thread::yield();
+            auto ids = interpreter->queuedIds();
+            if (!ids.empty())
+                IIPRunNowMessage(ids.front()).deliver(Routing("test", "noqueue"));
+            sawHelperLock = helperHasLock.load();
+        },
+        nullptr, nullptr);
+    auto& distributor = CmdDistributor::instance();
+    auto busyFuture = distributor.enqueueWithFuture(busy);
+    boost::unique_future<void> nextFuture;
+    while (!started.load())
+        std::this_thread::yield();
+    {
+        quorl::cmddistributor::LockBFLHelper helper;
+        EXPECT_TRUE(helper.ownsLock());
+        EXPECT_TRUE(quorl::utils::getFennMutex()->isLockedByCaller());
+        helperHasLock = true;
+        // A packet queued now waits behind the busy one, which waits for this lock.
+        auto next =
+            boost::make_shared<FcnCmdRequest<void>>([&] { nextRan = true; }, nullptr, nullptr);
+        nextFuture = distributor.enqueueWithFuture(next);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        EXPECT_FALSE(nextRan.load());
+        EXPECT_FALSE(busyFuture.is_ready());
+    }
+    EXPECT_FALSE(quorl::utils::getFennMutex()->isLockedByCaller());
+    ASSERT_TRUE(busyFuture.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_TRUE(sawHelperLock.load())
+        << "the busy packet went on only after the helper had the lock";
+    ASSERT_TRUE(nextFuture.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_TRUE(nextRan.load());
+
+    // A free mutex: no task is posted.
+    {
+        quorl::cmddistributor::LockBFLHelper helper;
+        EXPECT_TRUE(helper.ownsLock());
+        auto* concrete = dynamic_cast<DefaultDistributor*>(&distributor);
+        ASSERT_TRUE(concrete);
+        EXPECT_EQ(concrete->trackedCount(), 0u) << "a request was enqueued";
+    }
+}
+
+TEST(HostLifecycle, StopDiscardsQueuedPacketsAndLaterOnesAndStartAgainServes) {
+    Host::start();
+    EXPECT_THROW(Host::start(), std::logic_error);
+    FennID const fenn{7};
+    std::promise<void> gate;
+    auto gateFuture = gate.get_future().share();
+    BypassProbe running, queued, late;
+    std::atomic<bool> firstStarted{false};
+    auto first = taskPacket([gateFuture, &firstStarted] {
+        firstStarted = true;
+        gateFuture.wait();
+    });
+    first->setEventMgrBypass(running.bypass());
+    auto second = taskPacket([] {});
+    second->setEventMgrBypass(queued.bypass());
+    deliverTo(fenn, first, IDType());
+    deliverTo(fenn, second, IDType());
+    while (!firstStarted.load())
+        std::this_thread::yield();
+    std::thread stopper([] { Host::stop(); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    gate.set_value();
+    stopper.join();
+    EXPECT_FALSE(Host::isRunning());
+    auto firstEnd = running.ended.get_future();
+    ASSERT_EQ(firstEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPCompletedEvent>(firstEnd.get()));
+    auto secondEnd = queued.ended.get_future();
+    ASSERT_EQ(secondEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPDiscardedEvent>(secondEnd.get()));
+
+    auto third = taskPacket([] {});
+    third->setEventMgrBypass(late.bypass());
+    deliverTo(fenn, third, IDType());
+    auto lateEnd = late.ended.get_future();
+    ASSERT_EQ(lateEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPDiscardedEvent>(lateEnd.get()));
+
+    Host::start();
+    auto future = CmdDistributor::instance(fenn)->enqueueWithFuture(
+        boost::make_shared<FcnCmdRequest<void>>([] {}, nullptr, nullptr));
+    EXPECT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+    Host::stop();
+}
