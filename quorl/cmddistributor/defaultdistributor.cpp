@@ -88,7 +88,14 @@ public:
           address_(std::move(address)), requestID_(requestID) {}
 
     void unblock() override {
-        ExchangeApi::instance()->submit(boost::make_shared<IIPRunNowMessage>(requestID_), address_);
+        // Wait for the run-now handler to have run (with the fenn mutex given up, since the
+        // request it runs needs it): only then does isDone tell whether run-now finished it.
+        auto reply = ExchangeApi::instance()->submitWithReply(
+            boost::make_shared<IIPRunNowMessage>(requestID_), address_);
+        {
+            ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
+            reply.get();
+        }
         if (isDone())
             return;
         if (eventMgr_)

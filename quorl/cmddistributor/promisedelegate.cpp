@@ -35,6 +35,8 @@ void PromiseDelegate::tryRunTask() {
 }
 
 void PromiseDelegate::waitTillReady() const {
+    // Publishes this thread's use of the object to a destructor that may release it.
+    currentTask_.fetch_add(0, std::memory_order_release);
     ReadyTask* task = getCurrentTask();
     if (task == finishedMark())
         return;

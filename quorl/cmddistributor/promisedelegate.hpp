@@ -42,6 +42,8 @@ public:
 protected:
     // Marks the delegate finished, releasing a waiter if there is one.
     void tryRunTask();
+    // Orders what waiters did before they blocked before the destruction that releases them.
+    void acquireWaiters() const { (void)currentTask_.load(std::memory_order_acquire); }
 
 private:
     struct Marker {};
@@ -66,7 +68,10 @@ public:
 
     explicit PromiseDelegateT(ExtractResult const extractResult)
         : promise_(boost::make_shared<boost::promise<T>>()), extractResult_(extractResult) {}
-    ~PromiseDelegateT() override { promise_.reset(); }
+    ~PromiseDelegateT() override {
+        acquireWaiters();
+        promise_.reset();
+    }
 
     // Called once, before the record is enqueued.
     boost::unique_future<T> getFuture() { return promise_->get_future(); }

@@ -12,7 +12,7 @@ namespace quorl {
 namespace io {
 
 class TextBaseEvent : public foundation::msg_svc::eventmgr::BaseEvent,
-                      public cmddistributor::RequestIdAdapter {
+                      public ::cmddistributor::RequestIdAdapter {
 public:
     typedef foundation::msg_svc::eventmgr::BaseEvent EventBaseType;
     static ustring eventTypeName() { return u"quorl::io::TextBaseEvent"; }
