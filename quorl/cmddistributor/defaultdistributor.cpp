@@ -88,14 +88,11 @@ public:
           address_(std::move(address)), requestID_(requestID) {}
 
     void unblock() override {
-        // Wait for the run-now handler to have run (with the fenn mutex given up, since the
-        // request it runs needs it): only then does isDone tell whether run-now finished it.
-        auto reply = ExchangeApi::instance()->submitWithReply(
-            boost::make_shared<IIPRunNowMessage>(requestID_), address_);
-        {
-            ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
-            reply.get();
-        }
+        // Only an interpreter of this exchange is ever a run-now thread: the run-now message is
+        // delivered here, on the waiting thread, so that the host's run-now handler can run the
+        // request out of turn on the very thread that waits for it.
+        IIPRunNowMessage(requestID_)
+            .deliver(foundation::msg_svc::exchange::Routing(address_.exchange(), address_.queue()));
         if (isDone())
             return;
         if (eventMgr_)

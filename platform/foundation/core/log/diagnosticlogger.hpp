@@ -97,10 +97,26 @@ private:
 } // namespace core
 } // namespace foundation
 
+namespace foundation {
+namespace core {
+namespace log {
+namespace detail {
+// Turns the stream expression of ZN_LOG into void, so the macro is one expression.
+struct Voidify {
+    void operator&(std::ostream&) const {}
+};
+} // namespace detail
+} // namespace log
+} // namespace core
+} // namespace foundation
+
 // ZN_LOG(logger, foundation::core::log::debug) << "text " << value;
-// The stream expression is evaluated only when the channel's mask enables the severity.
+// The stream expression is evaluated only when the channel's mask enables the severity. The
+// macro is a single expression, so it is safe as the body of an if without braces.
 #define ZN_LOG(logger, level)                                                                      \
-    if (!(logger).is_enabled(level)) {                                                             \
-    } else                                                                                         \
-        ::foundation::core::log::detail::record_pump<std::decay_t<decltype(logger)>>(logger, level) \
-            .stream()
+    !(logger).is_enabled(level)                                                                    \
+        ? (void)0                                                                                  \
+        : ::foundation::core::log::detail::Voidify() &                                            \
+              ::foundation::core::log::detail::record_pump<std::decay_t<decltype(logger)>>(logger, \
+                                                                                           level)  \
+                  .stream()
