@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <type_traits>
@@ -191,4 +193,99 @@ TEST(FcnCmdRequest, WrapsItsTaskIntoAPacketWhoseResultIsAnEmptyVoidFuture) {
     boost::any emptyResult;
     EXPECT_NO_THROW(emptyResult = emptyPacket->getFunction()());
     EXPECT_TRUE(boost::any_cast<boost::shared_ptr<boost::unique_future<void>>>(&emptyResult));
+}
+
+namespace {
+
+std::string goldenFile(std::string const& folderName, std::string const& name) {
+    std::string folder;
+    if (char const* root = std::getenv("QUORL_SOURCE_DIR")) {
+        folder = std::string(root) + "/tests/golden/" + folderName + "/";
+    } else {
+        std::string const here = __FILE__;
+        folder = here.substr(0, here.rfind("quorl/cmddistributor/")) + "tests/golden/" +
+                 folderName + "/";
+    }
+    std::ifstream is(folder + name, std::ios::binary);
+    EXPECT_TRUE(is) << folder + name;
+    std::ostringstream os;
+    os << is.rdbuf();
+    return os.str();
+}
+
+struct GoldenForm {
+    char const* suffix;
+    Family plain, polymorphic;
+    bool byteExact; // binary archives carry platform sizes and are only read
+};
+
+std::vector<GoldenForm> goldenForms() {
+    return {GoldenForm{".txt", Family::Text, Family::PolyText, true},
+            GoldenForm{".xml", Family::Xml, Family::PolyXml, true},
+            GoldenForm{".bin", Family::Binary, Family::PolyBinary, false}};
+}
+
+// Reads `bytes` in `f` through a pointer to Base named `name`; returns the logic_error's text.
+template <class Base> std::string refusalOf(Family f, std::string const& bytes, char const* name) {
+    Base* back = nullptr;
+    try {
+        quorl_testing::read(f, bytes, back, name);
+    } catch (std::logic_error const& e) {
+        return e.what();
+    }
+    delete back;
+    return "";
+}
+
+} // namespace
+
+TEST(PackagedTaskIIP, GoldenArchivesAreReadToTheRefusalAndWrittenAlike) {
+    PackagedTaskIIP task([] { return boost::any(); }, nullptr, nullptr);
+    for (GoldenForm const& form : goldenForms()) {
+        std::string const file = std::string("packagedtaskiip_v1") + form.suffix;
+        SCOPED_TRACE(file);
+        std::string const bytes = goldenFile("packagedtaskiip", file);
+        ASSERT_FALSE(bytes.empty());
+        for (Family f : {form.plain, form.polymorphic})
+            EXPECT_EQ(refusalOf<IIP>(f, bytes, "iip"),
+                      "cannot deserialize cmddistributor::PackagedTaskIIP");
+        if (form.byteExact) {
+            IIP const* asBase = &task;
+            EXPECT_EQ(quorl_testing::write(form.plain, asBase, "iip"), bytes);
+        }
+    }
+}
+
+TEST(PackagedTaskCompletedEvent, GoldenArchivesAreReadToTheRefusalAndWrittenAlike) {
+    IDType const id(1234567, 1001);
+    PackagedTaskCompletedEvent withInt(id, boost::any(42));
+    PackagedTaskCompletedEvent withError(id, RuntimeException(quorl::cmddistributor::ExecutionError,
+                                                              std::string("task failed"), "", "",
+                                                              {}, {}));
+    struct Case {
+        char const* stem;
+        PackagedTaskCompletedEvent const* event;
+        char const* resultType;
+    };
+    for (Case const& c : {Case{"packagedtaskcompletedevent_v2_int", &withInt, "int"},
+                          Case{"packagedtaskcompletedevent_v2_error", &withError, "void"}}) {
+        for (GoldenForm const& form : goldenForms()) {
+            std::string const file = std::string(c.stem) + form.suffix;
+            SCOPED_TRACE(file);
+            std::string const bytes = goldenFile("packagedtaskcompletedevent", file);
+            ASSERT_FALSE(bytes.empty());
+            for (Family f : {form.plain, form.polymorphic})
+                EXPECT_EQ(refusalOf<BaseEvent>(f, bytes, "event"),
+                          "cannot deserialize cmddistributor::PackagedTaskCompletedEvent");
+            if (form.byteExact) {
+                BaseEvent const* asBase = c.event;
+                EXPECT_EQ(quorl_testing::write(form.plain, asBase, "event"), bytes);
+            }
+            if (form.plain == Family::Xml) {
+                EXPECT_NE(
+                    bytes.find(std::string("<result_type>") + c.resultType + "</result_type>"),
+                    std::string::npos);
+            }
+        }
+    }
 }
