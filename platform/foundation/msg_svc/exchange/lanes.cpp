@@ -29,6 +29,7 @@ bool SerialLane::post(Job job) {
         if (stopping_)
             return false;
         queue_.push_back(std::move(job));
+        queued_.fetch_add(1, std::memory_order_release);
     }
     wake_.notify_one();
     return true;
@@ -51,6 +52,7 @@ void SerialLane::run() {
         onStart_();
     for (;;) {
         Job job;
+        spinBriefly([this] { return queued_.load(std::memory_order_acquire) != 0; });
         {
             std::unique_lock<std::mutex> lock(mutex_);
             wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
@@ -58,6 +60,7 @@ void SerialLane::run() {
                 return;
             job = std::move(queue_.front());
             queue_.pop_front();
+            queued_.fetch_sub(1, std::memory_order_relaxed);
         }
         job();
     }

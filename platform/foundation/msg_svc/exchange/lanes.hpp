@@ -6,6 +6,7 @@
 // when none is idle, so jobs overtake one another and may block without stalling the lane.
 // Both: post() from any thread; stop() discards jobs not yet started and joins the threads,
 // unless the process is terminating, in which case the threads are abandoned.
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -36,9 +37,22 @@ private:
     std::condition_variable wake_;
     std::deque<Job> queue_;
     bool stopping_ = false;
+    std::atomic<std::size_t> queued_{0}; // a lock-free view of queue_.size() for spinning
     std::thread thread_;
     std::thread::id threadId_;
 };
+
+// Polls `ready` briefly (yielding the core) before a consumer goes to sleep, so that a producer
+// sending in bursts finds the consumer awake instead of paying a wake-up per item.
+template <class Ready>
+bool spinBriefly(Ready ready) {
+    for (int i = 0; i < 64; ++i) {
+        if (ready())
+            return true;
+        std::this_thread::yield();
+    }
+    return ready();
+}
 
 class ElasticLane {
 public:
