@@ -6,6 +6,11 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/cmddistributor/iiprunnowmessage.hpp>
 #include <quorl/contextmgr/contextregistry.hpp>
+#include <quorl/utils/fennmutex.hpp>
+
+#include <foundation/msg_svc/exchange/address.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
 #include <boost/make_shared.hpp>
 
@@ -177,9 +182,31 @@ boost::shared_ptr<Reply const> Host::cancel(IDType const& id, bool interrupt) {
 
 void Host::runNow(IDType const& id) {
     auto all = allInterpreters();
-    // The calling interpreter first: only there can the packet run at once.
-    std::stable_partition(all.begin(), all.end(),
-                          [](std::shared_ptr<Interpreter> const& i) { return i->isOwnThread(); });
+    std::shared_ptr<Interpreter> own;
+    for (auto const& each : all)
+        if (each->isOwnThread())
+            own = each;
+    if (own) {
+        // Only here can the packet run at once. Its enqueue message may still be on its way:
+        // a run-now message through the same ordered queue arrives after it, and once it has
+        // been delivered the packet is queued (if it is ours at all).
+        if (own->runNow(id) != Interpreter::NotQueued)
+            return;
+        auto exchange = foundation::msg_svc::exchange::ExchangeApi::instance();
+        auto delivered = exchange->submitWithReply(
+            boost::make_shared<::cmddistributor::IIPRunNowMessage>(id),
+            foundation::msg_svc::exchange::Address(
+                exchange->getExchangeName(),
+                foundation::msg_svc::exchange::Address::SpecializedQueues::noqueue()));
+        {
+            // Deliveries ahead of it may need the fenn mutex.
+            foundation::msg_svc::threadutil::ReleaseCountedMutexGuard release(
+                utils::getFennMutex());
+            delivered.wait();
+        }
+        own->runNow(id);
+        return;
+    }
     for (auto const& each : all)
         if (each->runNow(id) != Interpreter::NotQueued)
             return;

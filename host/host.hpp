@@ -6,6 +6,11 @@
 // interpreter; packets still queued are discarded, so their clients see a discard and not a hang.
 // A packet that arrives while the host is stopped is discarded at once.
 //
+// Run-now: called on the interpreter thread of the packet's context (as a client waiting on
+// that thread for the packet does), it runs the packet at once, nested in the running one, after
+// letting an enqueue message still on its way arrive; called on any other thread, it moves the
+// packet to the head of its queue.
+//
 // Packets are run by the PacketRunner registered for their plug-in type; "packaged_task" has one
 // from the start. Reserved context ids (AnyFennID and the other negative values) go to the
 // default context of HostOptions.

@@ -310,6 +310,68 @@ TEST_F(HostTest, RunNowRunsAQueuedPacketNestedOnTheCallingInterpreterThread) {
     EXPECT_TRUE(boost::dynamic_pointer_cast<IIPCompletedEvent>(ended.get()));
 }
 
+TEST_F(HostTest, WaitingOnItsOwnContextFromTheInterpreterThreadRunsThePacketAtOnce) {
+    FennID const fenn{9};
+    auto distributor = CmdDistributor::instance(fenn);
+    std::vector<std::string> order; // written on the interpreter thread only
+    boost::unique_future<void> laterFuture;
+    bool wrongThread = false;
+    auto outer = boost::make_shared<FcnCmdRequest<void>>(
+        [&] {
+            laterFuture = distributor->enqueueWithFuture(boost::make_shared<FcnCmdRequest<void>>(
+                [&] { order.push_back("later"); }, nullptr, nullptr));
+            // Waited for at once: its enqueue message may not have arrived yet.
+            auto awaited = distributor->enqueueWithFuture(boost::make_shared<FcnCmdRequest<void>>(
+                [&] { order.push_back("awaited"); }, nullptr, nullptr));
+            try {
+                awaited.get();
+            } catch (WrongThreadException const&) {
+                wrongThread = true;
+            }
+            order.push_back("outer");
+        },
+        nullptr, nullptr);
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE(round);
+        order.clear();
+        wrongThread = false;
+        auto outerFuture = distributor->enqueueWithFuture(outer);
+        ASSERT_TRUE(outerFuture.timed_wait(boost::posix_time::seconds(20)));
+        outerFuture.get();
+        ASSERT_TRUE(laterFuture.timed_wait(boost::posix_time::seconds(20)));
+        EXPECT_FALSE(wrongThread);
+        EXPECT_EQ(order, (std::vector<std::string>{"awaited", "outer", "later"}));
+    }
+}
+
+TEST_F(HostTest, RunNowFromAnotherThreadMovesThePacketToTheHeadOfItsQueue) {
+    FennID const fenn{10};
+    std::promise<void> gate;
+    auto gateFuture = gate.get_future().share();
+    std::vector<std::string> order;
+    std::atomic<bool> blocking{false};
+    BypassProbe last;
+    auto blocker = taskPacket([gateFuture, &blocking] {
+        blocking = true;
+        gateFuture.wait();
+    });
+    auto first = taskPacket([&] { order.push_back("first"); });
+    auto second = taskPacket([&] { order.push_back("second"); });
+    first->setEventMgrBypass(last.bypass());
+    IDType const secondId;
+    deliverTo(fenn, blocker, IDType());
+    deliverTo(fenn, first, IDType());
+    deliverTo(fenn, second, secondId);
+    while (!blocking.load())
+        std::this_thread::yield();
+    Host::runNow(secondId);
+    EXPECT_EQ(Host::interpreter(fenn)->queuedIds().front(), secondId);
+    gate.set_value();
+    auto ended = last.ended.get_future();
+    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(order, (std::vector<std::string>{"second", "first"}));
+}
+
 TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
     // The default context's interpreter holds the mutex in a packet without safe points. It runs
     // the helper's task nested (run-now) as soon as it is queued, so the only way for this thread
