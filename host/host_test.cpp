@@ -207,6 +207,19 @@ TEST_F(HostTest, CompletesThroughTheBypassOrElseThroughEventsAndReportsThrowingT
     EXPECT_EQ(done->getIdOfChangedIIP(), plain);
     EXPECT_EQ(done->getExecutionStatus(), 0);
     EXPECT_TRUE(done->type() == typeid(boost::shared_ptr<boost::unique_future<void>>));
+    // A plug-in type without a runner completes with an error.
+    BypassProbe orphanProbe;
+    auto orphan = boost::make_shared<IIP>("no such plug-in", UnsetIqmStreamID, nullptr, nullptr);
+    orphan->setEventMgrBypass(orphanProbe.bypass());
+    deliverTo(fenn, orphan, IDType(), mgr);
+    auto orphanEnd = orphanProbe.ended.get_future();
+    ASSERT_EQ(orphanEnd.wait_for(kPatience), std::future_status::ready);
+    auto orphanEvent = boost::dynamic_pointer_cast<IIPCompletedEvent>(orphanEnd.get());
+    ASSERT_TRUE(orphanEvent);
+    EXPECT_EQ(orphanEvent->getExecutionStatus(), quorl::cmddistributor::ExecutionError);
+    EXPECT_EQ(orphanEvent->getException()->GetMessageTxt(),
+              "no runner for packets of plug-in type \"no such plug-in\".");
+
     mgr->flush();
     EXPECT_EQ(published.load(), 1) << "only the packet without a bypass is published";
 }

@@ -7,11 +7,12 @@
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/utils/fennmutex.hpp>
 
+#include <foundation/core/log/diagnosticlogger.hpp>
+
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
 #include <future>
-#include <iostream>
 #include <stdexcept>
 
 namespace quorl {
@@ -28,6 +29,11 @@ namespace {
 // How many ended packets an interpreter remembers, to answer a late cancel with "not cancelled"
 // instead of "not found".
 constexpr std::size_t kEndedMemory = 4096;
+
+foundation::core::log::diagnostic_logger const& logger() {
+    static foundation::core::log::diagnostic_logger const log("quorl::host::Interpreter");
+    return log;
+}
 
 RuntimeException failureOf(cmddistributor::inExecutionStatus status, std::string message) {
     return RuntimeException(status, std::move(message), std::string(), std::string(), {}, {});
@@ -68,7 +74,7 @@ Interpreter::~Interpreter() {
     try {
         stop();
     } catch (std::exception const& e) {
-        std::cerr << "quorl::host::Interpreter: " << e.what() << std::endl;
+        ZN_LOG(logger(), foundation::core::log::error) << "stop: " << e.what();
     }
 }
 
@@ -122,7 +128,7 @@ void Interpreter::runPacket(QueuedPacket const& packet,
             publishState<::cmddistributor::IIPStartedEvent>(*execution->getEventMgr(), packet.id,
                                                             packet.iip->wasSerialized());
         } catch (std::exception const& e) {
-            std::cerr << "quorl::host::Interpreter: started event: " << e.what() << std::endl;
+            ZN_LOG(logger(), foundation::core::log::error) << "started event: " << e.what();
         }
         event = execute(packet, *execution);
         ::cmddistributor::RequestIdAdapter::setRequestId(previous);
@@ -178,7 +184,7 @@ void Interpreter::complete(QueuedPacket const& packet,
         auto manager = managerOf(packet);
         manager->publish(event, DeliverQueued);
     } catch (std::exception const& e) {
-        std::cerr << "quorl::host::Interpreter: completion: " << e.what() << std::endl;
+        ZN_LOG(logger(), foundation::core::log::error) << "completion: " << e.what();
     }
 }
 
@@ -194,7 +200,7 @@ void Interpreter::discard(QueuedPacket const& packet) {
         publishState<::cmddistributor::IIPDiscardedEvent>(
             *managerOf(packet), packet.id, packet.iip && packet.iip->wasSerialized());
     } catch (std::exception const& e) {
-        std::cerr << "quorl::host::Interpreter: discard: " << e.what() << std::endl;
+        ZN_LOG(logger(), foundation::core::log::error) << "discard: " << e.what();
     }
 }
 

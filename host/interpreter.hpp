@@ -81,7 +81,8 @@ public:
     RunNowOutcome runNow(foundation::msg_svc::exchange::IDType const& id);
 
     // Stops taking packets, interrupts the running one at its next safe point, discards what is
-    // queued and joins the thread.
+    // queued and joins the thread. It waits for the running packet: one without safe points (a
+    // packaged task) runs to its end first.
     void stop();
 
     bool isOwnThread() const { return std::this_thread::get_id() == threadId_; }
