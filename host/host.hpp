@@ -4,7 +4,8 @@
 // the library keeps the first) and serves packets from then on: each runtime context (FennID)
 // gets its own Interpreter thread, made on the first packet for it. stop() stops and joins every
 // interpreter; packets still queued are discarded, so their clients see a discard and not a hang.
-// A packet that arrives while the host is stopped is discarded at once.
+// A packet that arrives while the host is stopped is discarded at once. Stop the host before the
+// process ends: a running host's threads are left to the end of the process.
 //
 // Run-now: called on the interpreter thread of the packet's context (as a client waiting on
 // that thread for the packet does), it runs the packet at once, nested in the running one, after
