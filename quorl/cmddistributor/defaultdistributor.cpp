@@ -399,12 +399,13 @@ boost::unique_future<CmdDistributor::CancelStatus>
 DefaultDistributor::cancelRequest(IDType const& id, bool interrupt) {
     auto promise = std::make_unique<boost::promise<CancelStatus>>();
     boost::unique_future<CancelStatus> result = promise->get_future();
-    auto found = tracking_->find(id);
-    if (!found) {
+    std::shared_ptr<RequestTracking> record;
+    if (auto found = tracking_->find(id))
+        record = std::move(*found); // the only strong reference this function holds
+    if (!record) {
         promise->set_value(CancelNotFound);
         return result;
     }
-    std::shared_ptr<RequestTracking> record = *found;
     promise->set_wait_callback(boost::function<void(boost::promise<CancelStatus>&)>(
         [checker = std::make_shared<DeadlockChecker>(eventMgr_, std::weak_ptr<RequestTracking>(record),
                                                      isLocal_, fennID_)](
@@ -428,7 +429,9 @@ DefaultDistributor::cancelRequest(IDType const& id, bool interrupt) {
         record->cancelled(CancelNotCancelled);
         break;
     case 2: {
-        record.reset(); // the checker must see the record go when the request ends
+        // A request that ended before its cancel promise was installed is no longer in the map:
+        // letting the record go here makes its destructor answer the cancel.
+        record.reset();
         ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
         result.wait();
         break;
