@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/cmddistributor/defaultdistributor.hpp>
 #include <quorl/cmddistributor/futureexception.hpp>
 #include <quorl/cmddistributor/iipcancelmessage.hpp>
@@ -105,8 +106,7 @@ private:
 };
 
 // boost::function copies its target: keep the checker's virtual dispatch through a pointer.
-template <class Checker>
-boost::function<void()> asCallback(std::shared_ptr<Checker> checker) {
+template <class Checker> boost::function<void()> asCallback(std::shared_ptr<Checker> checker) {
     return [checker]() { (*checker)(); };
 }
 
@@ -122,10 +122,10 @@ struct Registries {
 };
 
 Registries& registries() {
-    static boost::once_flag once = BOOST_ONCE_INIT;
+    static std::once_flag once;
     static Registries* r = nullptr;
     // Never destroyed: the distributors made by instance() live for the whole process.
-    boost::call_once(once, [] { r = new Registries; });
+    std::call_once(once, [] { r = new Registries; });
     return *r;
 }
 
@@ -172,12 +172,11 @@ CmdDistributor::create(FennID const& id, std::string const& exchangeName,
 
 DefaultDistributor::DefaultDistributor(FennID const& fennID)
     : tracking_(new ConcurrentTBBHashMap<TrackingMap>()), fennID_(fennID),
-      exchangeName_(ExchangeApi::instance()->getExchangeName()),
-      localExchangeName_(exchangeName_),
+      exchangeName_(ExchangeApi::instance()->getExchangeName()), localExchangeName_(exchangeName_),
       address_(exchangeName_, Address::SpecializedQueues::noqueue()),
       eventMgr_(quorl::eventmgr::createRemoteEventMgr(exchangeName_, boost::none, boost::none)),
-      shuttingDown_(false), log_("cmddistributor::DefaultDistributor"),
-      clearOnDestruction_(false), subscribeOnce_(BOOST_ONCE_INIT), isLocal_(true) {}
+      shuttingDown_(false), log_("cmddistributor::DefaultDistributor"), clearOnDestruction_(false),
+      isLocal_(true) {}
 
 DefaultDistributor::DefaultDistributor(FennID const& fennID, std::string const& exchangeName,
                                        boost::optional<TarnID> const& tarnID,
@@ -186,14 +185,13 @@ DefaultDistributor::DefaultDistributor(FennID const& fennID, std::string const& 
       exchangeName_(exchangeName), localExchangeName_(ExchangeApi::instance()->getExchangeName()),
       address_(exchangeName_, Address::SpecializedQueues::noqueue()), tarnID_(tarnID),
       eventMgr_(eventMgr), shuttingDown_(false), log_("cmddistributor::DefaultDistributor"),
-      clearOnDestruction_(true), subscribeOnce_(BOOST_ONCE_INIT),
-      isLocal_(exchangeName_ == localExchangeName_) {}
+      clearOnDestruction_(true), isLocal_(exchangeName_ == localExchangeName_) {}
 
 DefaultDistributor::~DefaultDistributor() {
     try {
-        for (auto* c : {&sinkConnection_, &completedConnection_, &discardedConnection_,
-                        &localShutdownConnection_, &remoteShutdownConnection_,
-                        &commErrorConnection_}) {
+        for (auto* c :
+             {&sinkConnection_, &completedConnection_, &discardedConnection_,
+              &localShutdownConnection_, &remoteShutdownConnection_, &commErrorConnection_}) {
             foundation::msg_svc::eventmgr::ScopedConnection empty;
             c->swap(empty);
         }
@@ -214,7 +212,7 @@ std::size_t DefaultDistributor::trackedCount() const {
 // ---- Subscriptions
 
 void DefaultDistributor::subscribe() {
-    boost::call_once(subscribeOnce_, [this] {
+    std::call_once(subscribeOnce_, [this] {
         boost::weak_ptr<DefaultDistributor> weak =
             boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
         if (!eventMgr_)
@@ -293,10 +291,9 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     }
 
     try {
-        ExchangeApi::instance()->submit(
-            boost::make_shared<IIPEnqueueMessage>(iip, id, fennID_, tarnID_, eventMgr_, when,
-                                                  hasFuture),
-            address_);
+        ExchangeApi::instance()->submit(boost::make_shared<IIPEnqueueMessage>(
+                                            iip, id, fennID_, tarnID_, eventMgr_, when, hasFuture),
+                                        address_);
     } catch (...) {
         failSubmission(id);
     }
@@ -348,7 +345,7 @@ void DefaultDistributor::sinkEvent(IIPSinkEvent const& event) {
     if (!request)
         return;
     auto const& sink = event.getStreamType() == quorl::io::ErrorStream ? request->getErrorSink()
-                                                                         : request->getOutputSink();
+                                                                       : request->getOutputSink();
     if (!sink)
         return;
     if (auto const& buffer = sink->getUnicodeOutStreamBuffer()) {
@@ -407,8 +404,8 @@ DefaultDistributor::cancelRequest(IDType const& id, bool interrupt) {
         return result;
     }
     promise->set_wait_callback(boost::function<void(boost::promise<CancelStatus>&)>(
-        [checker = std::make_shared<DeadlockChecker>(eventMgr_, std::weak_ptr<RequestTracking>(record),
-                                                     isLocal_, fennID_)](
+        [checker = std::make_shared<DeadlockChecker>(
+             eventMgr_, std::weak_ptr<RequestTracking>(record), isLocal_, fennID_)](
             boost::promise<CancelStatus>&) { (*checker)(); }));
     record->cancel(std::move(promise));
 

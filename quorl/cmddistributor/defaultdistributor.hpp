@@ -15,6 +15,7 @@
 // twice."; a failed submission reaches the request's future (or the caller, without one); an
 // exchange failure ends every tracked request with a RuntimeException of status 5; a shutdown
 // drops them (broken_promise).
+#include <mutex>
 #include <quorl/cmddistributor/cmddistributor.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
@@ -43,11 +44,12 @@ public:
                        boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> const& eventMgr);
     ~DefaultDistributor() override;
 
-    boost::unique_future<CancelStatus> cancelRequest(foundation::msg_svc::exchange::IDType const& id,
-                                                     bool interrupt) override;
+    boost::unique_future<CancelStatus>
+    cancelRequest(foundation::msg_svc::exchange::IDType const& id, bool interrupt) override;
     quorl::contextmgr::FennID getFennID() const override { return fennID_; }
     std::string const& getExchangeName() const override { return exchangeName_; }
-    void enqueueTracked(RequestTrackingPtr&& record, foundation::msg_svc::exchange::IDType const& id,
+    void enqueueTracked(RequestTrackingPtr&& record,
+                        foundation::msg_svc::exchange::IDType const& id,
                         quorl::cmddistributor::WhenToDequeue::WhenToDequeue when,
                         std::uint32_t bypassGuard) override;
 
@@ -75,7 +77,7 @@ private:
     std::atomic<bool> shuttingDown_;
     foundation::core::log::diagnostic_logger log_;
     bool clearOnDestruction_;
-    boost::once_flag subscribeOnce_;
+    std::once_flag subscribeOnce_;
     foundation::msg_svc::eventmgr::ScopedConnection sinkConnection_;
     foundation::msg_svc::eventmgr::ScopedConnection completedConnection_;
     foundation::msg_svc::eventmgr::ScopedConnection discardedConnection_;

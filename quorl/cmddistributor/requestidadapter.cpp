@@ -1,4 +1,5 @@
 #include <foundation/msg_svc/serialization/archives.hpp>
+#include <mutex>
 
 #include <quorl/cmddistributor/requestidadapter.hpp>
 
@@ -17,9 +18,9 @@ typedef foundation::usm::Detail<foundation::usm::scope::Tarn> Store;
 struct ScopedRequestId {};
 
 std::uint64_t slot() {
-    static boost::once_flag once = BOOST_ONCE_INIT;
+    static std::once_flag once;
     static std::uint64_t number = 0;
-    boost::call_once(once, [] { number = Store::getNextID(typeid(ScopedRequestId)); });
+    std::call_once(once, [] { number = Store::getNextID(typeid(ScopedRequestId)); });
     return number;
 }
 
@@ -44,8 +45,7 @@ IDType RequestIdAdapter::currentRequestId() {
     return Store::isRequiredContextActive() ? slotValue() : IDType(0, 0);
 }
 
-template <class Archive>
-void RequestIdAdapter::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void RequestIdAdapter::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("requestId", requestId_);
 }
 ZN_SERIALIZE_EXPLICIT(RequestIdAdapter)

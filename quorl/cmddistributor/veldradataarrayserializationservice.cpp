@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/cmddistributor/veldradataarrayserializationservice.hpp>
 
 #include <cppmicroservices/bundlecontext.hpp>
@@ -10,7 +11,7 @@ namespace cmddistributor {
 
 namespace {
 
-boost::once_flag installOnce = BOOST_ONCE_INIT;
+std::once_flag installOnce;
 
 // Installs the plug-in folder and starts the first bundle made for data arrays and Protocol
 // Buffers; the others are neither started nor looked at.
@@ -36,7 +37,7 @@ std::shared_ptr<VeldraDataArraySerializationService> getVeldraDataArraySerializa
     if (!framework) {
         return result;
     }
-    boost::call_once(installOnce, &installSerializerPlugins);
+    std::call_once(installOnce, &installSerializerPlugins);
     auto context = framework->GetBundleContext();
     if (!context) {
         return result;

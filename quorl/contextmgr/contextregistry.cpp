@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/contextmgr/contextregistry.hpp>
 
 #include <foundation/usm/detail.hpp>
@@ -17,18 +18,18 @@ typedef foundation::usm::Detail<foundation::usm::scope::Tarn> Store;
 std::atomic<std::int32_t> defaultFenn{UndefinedFennID.value};
 std::atomic<std::uint64_t> defaultTarn{UndefinedTarnID.value};
 
-boost::once_flag fennSlotOnce = BOOST_ONCE_INIT;
-boost::once_flag tarnSlotOnce = BOOST_ONCE_INIT;
+std::once_flag fennSlotOnce;
+std::once_flag tarnSlotOnce;
 std::uint64_t fennSlotNumber = 0;
 std::uint64_t tarnSlotNumber = 0;
 
 std::uint64_t fennSlot() {
-    boost::call_once(fennSlotOnce, [] { fennSlotNumber = Store::getNextID(typeid(FennID)); });
+    std::call_once(fennSlotOnce, [] { fennSlotNumber = Store::getNextID(typeid(FennID)); });
     return fennSlotNumber;
 }
 
 std::uint64_t tarnSlot() {
-    boost::call_once(tarnSlotOnce, [] { tarnSlotNumber = Store::getNextID(typeid(TarnID)); });
+    std::call_once(tarnSlotOnce, [] { tarnSlotNumber = Store::getNextID(typeid(TarnID)); });
     return tarnSlotNumber;
 }
 
@@ -37,8 +38,7 @@ FennID loadDefaultFenn() {
 }
 
 // Stores a heap copy of exactly the value's size, freed by its matching deleter.
-template <class T>
-void store(std::uint64_t slot, T const& value) {
+template <class T> void store(std::uint64_t slot, T const& value) {
     Store::insert(slot, typeid(T), new T(value), [](void* p) { delete static_cast<T*>(p); });
 }
 

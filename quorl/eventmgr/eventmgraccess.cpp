@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/utils/fennmutex.hpp>
 
@@ -19,9 +20,9 @@ typedef foundation::usm::Detail<foundation::usm::scope::Tarn> Store;
 struct ActiveEventMgrTag {};
 
 std::uint64_t slot() {
-    static boost::once_flag once = BOOST_ONCE_INIT;
+    static std::once_flag once;
     static std::uint64_t number = 0;
-    boost::call_once(once, [] { number = Store::getNextID(typeid(ActiveEventMgrTag)); });
+    std::call_once(once, [] { number = Store::getNextID(typeid(ActiveEventMgrTag)); });
     return number;
 }
 

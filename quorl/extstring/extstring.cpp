@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/extstring/extstring.hpp>
 
 #include <boost/thread/once.hpp>
@@ -14,7 +15,7 @@ const char* const ClassName = "veldra.internal.external.engine.String_";
 
 // The registered class, null until extstrInitExtString has run.
 std::atomic<const hvOpaqueClass*> theClass{nullptr};
-boost::once_flag initOnce = BOOST_ONCE_INIT;
+std::once_flag initOnce;
 
 // The giblet of an external string is its payload array; each sharer holds its own header
 // over the payload's shared data.
@@ -118,7 +119,7 @@ HvArrayPtr convert(HvArrayPtr array) {
 } // namespace
 
 void extstrInitExtString() {
-    boost::call_once(initOnce, &registerClass);
+    std::call_once(initOnce, &registerClass);
 }
 
 std::string extstrGetClassName() {

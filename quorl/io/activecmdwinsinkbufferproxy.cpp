@@ -40,9 +40,9 @@ boost::shared_ptr<std::ostream> currentDiary() {
 
 // Kept for the process: whether anyone subscribes to SinkTextEvent.
 foundation::msg_svc::eventmgr::WatchToken const& textEventWatch() {
-    static boost::once_flag once = BOOST_ONCE_INIT;
+    static std::once_flag once;
     static foundation::msg_svc::eventmgr::WatchToken* token = nullptr;
-    boost::call_once(once, [] {
+    std::call_once(once, [] {
         token = quorl::eventmgr::createLocalEventMgr(boost::none)->watch<SinkTextEvent>().release();
     });
     return *token;

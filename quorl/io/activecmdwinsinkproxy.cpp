@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/io/activecmdwinsinkproxy.hpp>
 
 #include <foundation/core/io/streambufadaptor.hpp>
@@ -32,9 +33,9 @@ std::size_t streamIndex(StreamTypeEnum stream) {
 }
 
 std::uint64_t slotFor(StreamTypeEnum stream) {
-    static boost::once_flag once = BOOST_ONCE_INIT;
+    static std::once_flag once;
     static std::uint64_t slots[2] = {0, 0};
-    boost::call_once(once, [] {
+    std::call_once(once, [] {
         slots[0] = Store::getNextID(typeid(CmdWinOutputSlot));
         slots[1] = Store::getNextID(typeid(CmdWinErrorSlot));
     });

@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/utils/processutils.hpp>
 
 #include <fl/filesystem/installpath.hpp>
@@ -43,11 +44,11 @@ std::u16string convertToUString(std::string const& text) {
 namespace utils {
 
 namespace {
-boost::once_flag catalogOnce = BOOST_ONCE_INIT;
+std::once_flag catalogOnce;
 }
 
 void initMessageCatalog(std::vector<std::u16string> const& resourceLocations) {
-    boost::call_once(catalogOnce, [&resourceLocations] {
+    std::call_once(catalogOnce, [&resourceLocations] {
         std::vector<ustring> locations;
         std::string const env =
             fl::i18n::to_string(fl::i18n::getenv("VELDRA_ADDITIONAL_RESOURCE_LOCATIONS"));

@@ -1,3 +1,4 @@
+#include <mutex>
 #include <quorl/utils/scopedfactoryregistration.hpp>
 
 #include <quorl/contextmgr/contextregistry.hpp>
@@ -35,7 +36,7 @@ void ScopedFactoryRegistration::Impl::unregister() {
 }
 
 void ScopedFactoryRegistration::Impl::unregisterOnShutdown() {
-    boost::call_once(record_->shutdownOnce, [this] { registerForTARNShutdownEvent(); });
+    std::call_once(record_->shutdownOnce, [this] { registerForTARNShutdownEvent(); });
 }
 
 bool ScopedFactoryRegistration::Impl::isUnregistered() const {

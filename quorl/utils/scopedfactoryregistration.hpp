@@ -11,6 +11,7 @@
 // function passes out of unregister() (a later call tries again) but is swallowed by the
 // destructor.
 #include <foundation/msg_svc/eventmgr/connection.hpp>
+#include <mutex>
 
 #include <boost/function.hpp>
 #include <boost/shared_ptr.hpp>
@@ -44,7 +45,7 @@ public:
             boost::function0<void> unregisterFunction;
             std::atomic<bool> isUnregistered{false};
             foundation::msg_svc::eventmgr::ScopedConnection shutdownConnection;
-            boost::once_flag shutdownOnce = BOOST_ONCE_INIT;
+            std::once_flag shutdownOnce;
         };
         std::unique_ptr<Record> record_;
     };
