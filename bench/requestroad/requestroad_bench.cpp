@@ -71,8 +71,8 @@ struct Road {
         distributor = cmddistributor::CmdDistributor::instance(quorl::contextmgr::BlessedFennID);
     }
     boost::unique_future<void> send() {
-        auto request = boost::make_shared<cmddistributor::FcnCmdRequest<void>>(
-            [] {}, nullptr, nullptr);
+        auto request =
+            boost::make_shared<cmddistributor::FcnCmdRequest<void>>([] {}, nullptr, nullptr);
         return distributor->enqueueWithFuture(request);
     }
     boost::shared_ptr<cmddistributor::CmdDistributor> distributor;
@@ -129,7 +129,12 @@ void BM_Road_InFlight(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_Road_InFlight)->Arg(10)->Arg(1000)->Arg(100000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Road_InFlight)
+    ->Arg(10)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_Floor_InFlight(benchmark::State& state) {
     Floor fl;
@@ -145,7 +150,12 @@ void BM_Floor_InFlight(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_Floor_InFlight)->Arg(10)->Arg(1000)->Arg(100000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Floor_InFlight)
+    ->Arg(10)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

@@ -30,8 +30,7 @@ char const* cancelName(CmdDistributor::CancelStatus s) {
     return "?";
 }
 
-template <class F>
-boost::shared_ptr<FcnCmdRequest<void>> task(F f) {
+template <class F> boost::shared_ptr<FcnCmdRequest<void>> task(F f) {
     return boost::make_shared<FcnCmdRequest<void>>(f, nullptr, nullptr);
 }
 
@@ -57,8 +56,8 @@ int main() {
         distributor->enqueueWithFuture(task([] { throw std::runtime_error("division by zero"); }))
             .get();
     } catch (RuntimeException const& e) {
-        std::cout << "failing task: status " << e.getExecutionStatus() << ", \"" << e.what()
-                  << "\"" << std::endl;
+        std::cout << "failing task: status " << e.getExecutionStatus() << ", \"" << e.what() << "\""
+                  << std::endl;
     }
 
     // Keep the interpreter busy, then cancel a request that waits behind it.

@@ -72,8 +72,8 @@ void CmdDistributor::RequestTracking::setValue(IIPCompletedEvent const& event) {
     }
     if (continuation_)
         continuation_();
-    CancelStatus const status = event.getExecutionStatus() == 4 ? CancelEndedByStatus4
-                                                                : CancelNotCancelled;
+    CancelStatus const status =
+        event.getExecutionStatus() == 4 ? CancelEndedByStatus4 : CancelNotCancelled;
     cancelStatus_.store(status);
     answerCancel(status);
 }
@@ -136,8 +136,7 @@ bool CmdDistributor::cancel(foundation::msg_svc::exchange::IDType const& id) {
 CmdDistributor::RequestTrackingPtr
 CmdDistributor::makeRequestTracking(boost::shared_ptr<CmdRequest> request,
                                     std::unique_ptr<PromiseDelegate>&& promise,
-                                    bool trustsContinuation,
-                                    std::function<void()>&& continuation) {
+                                    bool trustsContinuation, std::function<void()>&& continuation) {
     return RequestTrackingPtr(new RequestTracking(std::move(request), std::move(promise),
                                                   trustsContinuation, std::move(continuation)));
 }

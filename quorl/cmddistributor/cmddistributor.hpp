@@ -144,9 +144,9 @@ public:
             throw std::invalid_argument("request must contain an IIP.");
         auto delegate = std::make_unique<PromiseDelegateT<T>>(&CmdRequestTraits<R>::extractResult);
         boost::unique_future<T> future = delegate->getFuture();
-        enqueueTracked(makeRequestTracking(request, std::move(delegate), true,
-                                           std::move(continuation)),
-                       id, when, 0);
+        enqueueTracked(
+            makeRequestTracking(request, std::move(delegate), true, std::move(continuation)), id,
+            when, 0);
         return future;
     }
 

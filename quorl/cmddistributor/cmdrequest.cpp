@@ -8,7 +8,8 @@ namespace cmddistributor {
 
 CmdRequest::CmdRequest(IqmStreamID streamID, boost::shared_ptr<quorl::io::VeldraSink> const& out,
                        boost::shared_ptr<quorl::io::VeldraSink> const& err)
-    : outputSink_(out ? out : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::OutputStream)),
+    : outputSink_(out ? out
+                      : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::OutputStream)),
       errorSink_(err ? err : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::ErrorStream)),
       streamID_(streamID), iipMutex_(new boost::shared_mutex) {}
 

@@ -42,11 +42,9 @@ private:
     std::unique_ptr<boost::shared_mutex> iipMutex_;
 };
 
-template <class R>
-struct CmdRequestTraits;
+template <class R> struct CmdRequestTraits;
 
-template <>
-struct CmdRequestTraits<CmdRequest> {
+template <> struct CmdRequestTraits<CmdRequest> {
     static void extractResult(IIPCompletedEvent const&) {}
 };
 

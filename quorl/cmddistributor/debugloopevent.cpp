@@ -33,8 +33,7 @@ std::ostream& DebugLoopEvent::fillStream(std::ostream& os) const {
               << "loop " << static_cast<int>(loop_) << '\n';
 }
 
-template <class Archive>
-void DebugLoopEvent::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void DebugLoopEvent::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("DebugLoopEvent",
                                        boost::serialization::base_object<BaseEvent>(*this));
     ar& boost::serialization::make_nvp("DebugLoopEvent_RequestIdAdapter",

@@ -17,8 +17,7 @@ ustring getReactivatedEventType();
 ustring getCompletedEventType();
 } // namespace IIPStateEventTypes
 
-template <ustring (*TypeName)()>
-class DefaultIIPStateEvent : public IIPStateEvent {
+template <ustring (*TypeName)()> class DefaultIIPStateEvent : public IIPStateEvent {
 public:
     typedef IIPStateEvent EventBaseType;
     static ustring eventTypeName() { return TypeName(); }
@@ -31,8 +30,9 @@ public:
 protected:
     DefaultIIPStateEvent();
     DefaultIIPStateEvent(DefaultIIPStateEvent const&) = default;
-    DefaultIIPStateEvent(boost::shared_ptr<foundation::msg_svc::eventmgr::TypeInformation> const& info,
-                         foundation::msg_svc::exchange::IDType const& id);
+    DefaultIIPStateEvent(
+        boost::shared_ptr<foundation::msg_svc::eventmgr::TypeInformation> const& info,
+        foundation::msg_svc::exchange::IDType const& id);
 
 private:
     ZN_SERIALIZABLE()

@@ -55,8 +55,7 @@ protected:
 } // namespace
 
 namespace cmddistributor {
-template <>
-struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
+template <> struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
 } // namespace cmddistributor
 
 namespace {
@@ -99,11 +98,10 @@ struct Side {
 Side side;
 thread_local bool isRunNowThreadHere = false;
 
-boost::shared_ptr<Reply const> deliverHere(foundation::msg_svc::exchange::Routing const&,
-                                           boost::shared_ptr<IIP> iip, IDType const& id,
-                                           FennID const&, boost::optional<quorl::contextmgr::TarnID> const&,
-                                           boost::shared_ptr<EventMgr> mgr, WTD::WhenToDequeue,
-                                           bool hasFuture) {
+boost::shared_ptr<Reply const>
+deliverHere(foundation::msg_svc::exchange::Routing const&, boost::shared_ptr<IIP> iip,
+            IDType const& id, FennID const&, boost::optional<quorl::contextmgr::TarnID> const&,
+            boost::shared_ptr<EventMgr> mgr, WTD::WhenToDequeue, bool hasFuture) {
     {
         std::lock_guard<std::mutex> l(side.m);
         Arrival a{iip, id, mgr, hasFuture};
@@ -130,7 +128,8 @@ void runNowHere(IDType const& id) {
         a = side.byId[id];
     }
     if (a.iip)
-        (*a.iip->getEventMgrBypass())(IIPCompletedEvent(id, quorl::cmddistributor::ExecutionSuccess));
+        (*a.iip->getEventMgrBypass())(
+            IIPCompletedEvent(id, quorl::cmddistributor::ExecutionSuccess));
 }
 
 bool isRunNowThreadTest(FennID const&) {
@@ -207,8 +206,8 @@ TEST_F(Distributor, CompletesThroughTheBypassAndThroughEvents) {
     std::atomic<int> continued{0};
     auto f2 = d->enqueueWithContinuation(boost::make_shared<TestRequest>(), [&] { ++continued; });
     Arrival b = side.next();
-    RuntimeException error(quorl::cmddistributor::ExecutionError, ustring(u"boom"), "test:boom", "f",
-                           {}, {});
+    RuntimeException error(quorl::cmddistributor::ExecutionError, ustring(u"boom"), "test:boom",
+                           "f", {}, {});
     b.eventMgr->publish(boost::make_shared<IIPCompletedEvent const>(b.id, error));
     try {
         f2.get();
@@ -247,12 +246,17 @@ TEST_F(Distributor, RoutesSinkTextToTheRequestsSinks) {
     auto err = boost::make_shared<StringSink>();
     auto future = d->enqueueWithFuture(boost::make_shared<TestRequest>(out, err));
     Arrival a = side.next();
-    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"hello "));
-    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::ErrorStream, u"oops"));
-    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"world"));
-    a.eventMgr->publish(boost::make_shared<IIPCompletedEvent const>(a.id, quorl::cmddistributor::ExecutionSuccess));
+    a.eventMgr->publish(
+        boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"hello "));
+    a.eventMgr->publish(
+        boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::ErrorStream, u"oops"));
+    a.eventMgr->publish(
+        boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"world"));
+    a.eventMgr->publish(
+        boost::make_shared<IIPCompletedEvent const>(a.id, quorl::cmddistributor::ExecutionSuccess));
     future.get();
-    a.eventMgr->publish(boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"late"));
+    a.eventMgr->publish(
+        boost::make_shared<IIPSinkEvent const>(a.id, quorl::io::OutputStream, u"late"));
     a.eventMgr->flush();
     EXPECT_EQ(out->text(), u"hello world"); // text after the end is dropped
     EXPECT_EQ(err->text(), u"oops");

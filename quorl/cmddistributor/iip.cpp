@@ -80,8 +80,7 @@ std::string IIP::toString() const {
     return s.str();
 }
 
-template <class Archive>
-void IIP::serializeExplicit(Archive& ar, unsigned int version) {
+template <class Archive> void IIP::serializeExplicit(Archive& ar, unsigned int version) {
     if (Archive::is_saving::value) {
         if (version == 1) {
             int stream = static_cast<int>(streamID_);
@@ -105,7 +104,8 @@ void IIP::serializeExplicit(Archive& ar, unsigned int version) {
         ar& boost::serialization::make_nvp("errtraits", *errTraits_);
     }
     if (!canBeSerialized())
-        throw boost::archive::archive_exception(boost::archive::archive_exception::unregistered_cast);
+        throw boost::archive::archive_exception(
+            boost::archive::archive_exception::unregistered_cast);
     wasSerializedFlag_ = true;
 }
 ZN_SERIALIZE_EXPLICIT(IIP)

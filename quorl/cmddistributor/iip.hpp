@@ -84,8 +84,9 @@ protected:
 
 private:
     void assertIfCannotBeSerialized() const {}
-    quorl::io::SinkTraits const& lateTraits(boost::optional<quorl::io::SinkTraits>& traits,
-                                            boost::shared_ptr<quorl::io::VeldraSink> const& sink) const;
+    quorl::io::SinkTraits const&
+    lateTraits(boost::optional<quorl::io::SinkTraits>& traits,
+               boost::shared_ptr<quorl::io::VeldraSink> const& sink) const;
 
     ZN_SERIALIZABLE()
     IqmStreamID streamID_;

@@ -47,9 +47,9 @@ bool IIPCancelMessage::protectedEquals(Message const& other) const {
     return Message::protectedEquals(other) && id_ == o.id_ && interrupt_ == o.interrupt_;
 }
 
-template <class Archive>
-void IIPCancelMessage::serializeExplicit(Archive& ar, unsigned int) {
-    ar& boost::serialization::make_nvp("message", boost::serialization::base_object<Message>(*this));
+template <class Archive> void IIPCancelMessage::serializeExplicit(Archive& ar, unsigned int) {
+    ar& boost::serialization::make_nvp("message",
+                                       boost::serialization::base_object<Message>(*this));
     ar& boost::serialization::make_nvp("id", id_);
     ar& boost::serialization::make_nvp("interrupt", interrupt_);
 }

@@ -38,8 +38,7 @@ bool IIPCancelReply::protectedEquals(Reply const& other) const {
            status_ == static_cast<IIPCancelReply const&>(other).status_;
 }
 
-template <class Archive>
-void IIPCancelReply::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void IIPCancelReply::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("reply", boost::serialization::base_object<Reply>(*this));
     int status = static_cast<int>(status_);
     ar& boost::serialization::make_nvp("status", status);

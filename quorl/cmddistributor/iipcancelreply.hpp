@@ -30,8 +30,9 @@ public:
     typedef boost::promise<boost::shared_ptr<IIPCancelReply const>> Promise;
     // Fulfils `promise` with `reply` as an IIPCancelReply: a null reply stays null; a reply of
     // another type puts std::bad_cast into the promise.
-    static void assignToPromise(boost::shared_ptr<Promise> const& promise,
-                                boost::shared_ptr<foundation::msg_svc::exchange::Reply const> const& reply);
+    static void
+    assignToPromise(boost::shared_ptr<Promise> const& promise,
+                    boost::shared_ptr<foundation::msg_svc::exchange::Reply const> const& reply);
 
 protected:
     bool protectedEquals(foundation::msg_svc::exchange::Reply const& other) const override;

@@ -88,7 +88,8 @@ bool IIPEnqueueMessage::privateEquals(IIPEnqueueMessage const& o) const {
 
 template <class Archive>
 void IIPEnqueueMessage::serializeExplicit(Archive& ar, unsigned int version) {
-    ar& boost::serialization::make_nvp("message", boost::serialization::base_object<Message>(*this));
+    ar& boost::serialization::make_nvp("message",
+                                       boost::serialization::base_object<Message>(*this));
     if (Archive::is_saving::value) {
         int fenn = fennId_.value;
         ar& boost::serialization::make_nvp("fennid", fenn);

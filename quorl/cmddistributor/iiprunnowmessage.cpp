@@ -54,9 +54,9 @@ bool IIPRunNowMessage::protectedEquals(Message const& other) const {
            id_ == static_cast<IIPRunNowMessage const&>(other).id_;
 }
 
-template <class Archive>
-void IIPRunNowMessage::serializeExplicit(Archive& ar, unsigned int) {
-    ar& boost::serialization::make_nvp("message", boost::serialization::base_object<Message>(*this));
+template <class Archive> void IIPRunNowMessage::serializeExplicit(Archive& ar, unsigned int) {
+    ar& boost::serialization::make_nvp("message",
+                                       boost::serialization::base_object<Message>(*this));
     ar& boost::serialization::make_nvp("id", id_);
 }
 ZN_SERIALIZE_EXPLICIT(IIPRunNowMessage)

@@ -27,8 +27,7 @@ std::ostream& IIPStateEvent::fillStream(std::ostream& os) const {
     return os << "IIP_ID " << iipId_.toString() << '\n';
 }
 
-template <class Archive>
-void IIPStateEvent::serializeExplicit(Archive& ar, unsigned int version) {
+template <class Archive> void IIPStateEvent::serializeExplicit(Archive& ar, unsigned int version) {
     ar& boost::serialization::make_nvp("BaseEvent",
                                        boost::serialization::base_object<BaseEvent>(*this));
     if (version != 0)
@@ -44,13 +43,27 @@ ustring ascii(char const* name) {
     return fl::i18n::converter(fl::i18n::codecvt_ascii_to_ustring(), std::string(name));
 }
 } // namespace
-ustring getStartedEventType() { return ascii("iipStarted"); }
-ustring getSuspendedEventType() { return ascii("iipSuspended"); }
-ustring getResumedEventType() { return ascii("iipResumed"); }
-ustring getDiscardedEventType() { return ascii("iipDiscarded"); }
-ustring getRequeuedEventType() { return ascii("iipRequeued"); }
-ustring getReactivatedEventType() { return ascii("iipReactivated"); }
-ustring getCompletedEventType() { return ascii("iipCompleted"); }
+ustring getStartedEventType() {
+    return ascii("iipStarted");
+}
+ustring getSuspendedEventType() {
+    return ascii("iipSuspended");
+}
+ustring getResumedEventType() {
+    return ascii("iipResumed");
+}
+ustring getDiscardedEventType() {
+    return ascii("iipDiscarded");
+}
+ustring getRequeuedEventType() {
+    return ascii("iipRequeued");
+}
+ustring getReactivatedEventType() {
+    return ascii("iipReactivated");
+}
+ustring getCompletedEventType() {
+    return ascii("iipCompleted");
+}
 } // namespace IIPStateEventTypes
 
 template <ustring (*N)()>
@@ -66,11 +79,9 @@ DefaultIIPStateEvent<N>::DefaultIIPStateEvent(boost::shared_ptr<TypeInformation>
                                               IDType const& id)
     : IIPStateEvent(info, id) {}
 
-template <ustring (*N)()>
-DefaultIIPStateEvent<N>::~DefaultIIPStateEvent() = default;
+template <ustring (*N)()> DefaultIIPStateEvent<N>::~DefaultIIPStateEvent() = default;
 
-template <ustring (*N)()>
-BaseEvent* DefaultIIPStateEvent<N>::clone() const {
+template <ustring (*N)()> BaseEvent* DefaultIIPStateEvent<N>::clone() const {
     return new DefaultIIPStateEvent(*this);
 }
 

@@ -40,27 +40,27 @@ public:
 // A packet whose type refuses to cross an archive.
 class LocalOnlyIIP : public IIP {
 public:
-    LocalOnlyIIP() : IIP("local", DefaultIqmStreamID, quorl::io::SinkTraits(), quorl::io::SinkTraits()) {}
+    LocalOnlyIIP()
+        : IIP("local", DefaultIqmStreamID, quorl::io::SinkTraits(), quorl::io::SinkTraits()) {}
     bool canBeSerialized() const override { return false; }
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("iip", boost::serialization::base_object<IIP>(*this));
     }
 };
 
 class PlainIIP : public IIP {
 public:
-    PlainIIP(boost::shared_ptr<quorl::io::VeldraSink> out, boost::shared_ptr<quorl::io::VeldraSink> err)
+    PlainIIP(boost::shared_ptr<quorl::io::VeldraSink> out,
+             boost::shared_ptr<quorl::io::VeldraSink> err)
         : IIP("plain", DefaultIqmStreamID, out, err) {}
     PlainIIP() = default;
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("iip", boost::serialization::base_object<IIP>(*this));
     }
 };
@@ -134,15 +134,18 @@ TEST(Packets, TraitsAreComputedLateAndCrossArchives) {
     shared->setEventMgrBypass(IIP::EventMgrBypass([&](IIPCompletedEvent const&) { ++completed; },
                                                   IIP::EventMgrBypass::DiscardedHandler()));
     ASSERT_TRUE(bool(*holder->getEventMgrBypass()));
-    (*holder->getEventMgrBypass())(IIPCompletedEvent(IDType(), quorl::cmddistributor::ExecutionSuccess));
+    (*holder->getEventMgrBypass())(
+        IIPCompletedEvent(IDType(), quorl::cmddistributor::ExecutionSuccess));
     (*holder->getEventMgrBypass())(IIPDiscardedEvent(IDType())); // empty handler: skipped
     EXPECT_EQ(completed, 1);
 }
 
 TEST(Requests, SinksDefaultToTheCommandWindowAndThePacketIsMadeOnce) {
     auto request = boost::make_shared<CountingRequest>();
-    auto out = boost::dynamic_pointer_cast<quorl::io::ActiveCmdWinSinkProxy>(request->getOutputSink());
-    auto err = boost::dynamic_pointer_cast<quorl::io::ActiveCmdWinSinkProxy>(request->getErrorSink());
+    auto out =
+        boost::dynamic_pointer_cast<quorl::io::ActiveCmdWinSinkProxy>(request->getOutputSink());
+    auto err =
+        boost::dynamic_pointer_cast<quorl::io::ActiveCmdWinSinkProxy>(request->getErrorSink());
     ASSERT_TRUE(out && err);
     EXPECT_EQ(out->getStreamType(), quorl::io::OutputStream);
     EXPECT_EQ(err->getStreamType(), quorl::io::ErrorStream);
@@ -181,7 +184,8 @@ TEST(RequestTracking, CancelStatusFollowsTheEnd) {
         record.reset();
         EXPECT_EQ(f.get(), CmdDistributor::CancelNotCancelled);
     }
-    for (auto status : {quorl::cmddistributor::ExecutionInterrupted, quorl::cmddistributor::ExecutionSuccess}) {
+    for (auto status :
+         {quorl::cmddistributor::ExecutionInterrupted, quorl::cmddistributor::ExecutionSuccess}) {
         auto delegate = std::make_unique<PromiseDelegateT<void>>(nullptr);
         auto future = delegate->getFuture();
         std::atomic<int> continued{0};
@@ -249,8 +253,8 @@ TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
                                              "hasFuture", "dequeueMode"}));
     // Packets of the same presence compare equal; presence differs.
     IIPEnqueueMessage const other(boost::make_shared<PlainIIP const>(nullptr, nullptr), id,
-                                  quorl::contextmgr::FennID{3}, quorl::contextmgr::TarnID{9}, nullptr,
-                                  WTD::DequeueWhenIdle, true);
+                                  quorl::contextmgr::FennID{3}, quorl::contextmgr::TarnID{9},
+                                  nullptr, WTD::DequeueWhenIdle, true);
     EXPECT_TRUE(other == m);
     IIPEnqueueMessage const none(nullptr, id, quorl::contextmgr::FennID{3},
                                  quorl::contextmgr::TarnID{9}, nullptr, WTD::DequeueWhenIdle, true);
@@ -282,7 +286,7 @@ TEST(EnqueueMessage, OldVersionTwoIsRead) {
         EXPECT_EQ(e->getTarnId()->value, 11u);
         EXPECT_FALSE(e->getIIP());
         EXPECT_EQ(e->getIIPId(), IDType(0, 0));
-        EXPECT_FALSE(e->getHasFuture());        // the version had no such field
+        EXPECT_FALSE(e->getHasFuture());                    // the version had no such field
         EXPECT_EQ(e->getDequeueMode(), WTD::DequeueLegacy); // 3
     }
 }

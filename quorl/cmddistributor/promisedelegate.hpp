@@ -52,17 +52,14 @@ private:
         std::packaged_task<Marker()> task;
         std::shared_future<Marker> future;
     };
-    static ReadyTask* finishedMark() {
-        return reinterpret_cast<ReadyTask*>(~std::uintptr_t(0));
-    }
+    static ReadyTask* finishedMark() { return reinterpret_cast<ReadyTask*>(~std::uintptr_t(0)); }
     ReadyTask* getCurrentTask() const;
 
     // null: nobody waited and nothing finished; finishedMark(): finished; else the waiter's task.
     mutable std::atomic<ReadyTask*> currentTask_;
 };
 
-template <class T>
-class PromiseDelegateT : public PromiseDelegate {
+template <class T> class PromiseDelegateT : public PromiseDelegate {
 public:
     typedef T (*ExtractResult)(IIPCompletedEvent const&);
 
@@ -102,8 +99,7 @@ private:
             extractResult_(event);
         promise_->set_value();
     }
-    template <class U = T>
-    void setFromEvent(IIPCompletedEvent const& event, std::false_type) {
+    template <class U = T> void setFromEvent(IIPCompletedEvent const& event, std::false_type) {
         if (!extractResult_)
             throw std::logic_error("PromiseDelegateT: no result extraction for a typed result");
         promise_->set_value(extractResult_(event));

@@ -18,7 +18,6 @@ public:
     // The active context's request id; IDType(0, 0) outside a context or before any is set.
     static foundation::msg_svc::exchange::IDType currentRequestId();
 
-
 protected:
     RequestIdAdapter(RequestIdAdapter const&) = default;
     RequestIdAdapter& operator=(RequestIdAdapter const&) = default;

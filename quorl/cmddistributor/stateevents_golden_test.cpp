@@ -94,9 +94,9 @@ TEST(StateEventGoldens, CurrentFormsStayAsTheyAre) {
     RuntimeException::StackFrame frame;
     RuntimeException cause(quorl::cmddistributor::ExecutionError, ustring(u"inner"), "golden:inner",
                            "inner", {}, {});
-    checkCurrentForm("iipcompletedevent.v2.failure",
-                     IIPCompletedEvent(IDType(77, 9),
-                                       RuntimeException(quorl::cmddistributor::ExecutionError,
-                                                        ustring(u"outer \u00e9"), "golden:outer",
-                                                        "outer", {}, {cause})));
+    checkCurrentForm(
+        "iipcompletedevent.v2.failure",
+        IIPCompletedEvent(IDType(77, 9), RuntimeException(quorl::cmddistributor::ExecutionError,
+                                                          ustring(u"outer \u00e9"), "golden:outer",
+                                                          "outer", {}, {cause})));
 }

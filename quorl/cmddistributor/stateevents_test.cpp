@@ -21,8 +21,7 @@ using foundation::msg_svc::exchange::IDType;
 using quorl_testing::Family;
 
 namespace {
-template <class T>
-boost::shared_ptr<BaseEvent> roundTrip(Family f, BaseEvent const& e) {
+template <class T> boost::shared_ptr<BaseEvent> roundTrip(Family f, BaseEvent const& e) {
     BaseEvent const* p = &e;
     BaseEvent* back = nullptr;
     quorl_testing::read(f, quorl_testing::write(f, p), back);
@@ -59,7 +58,8 @@ TEST(StateEvents, SubscribedByTypeOrByOneTransition) {
     mgr->notifyIfWatched<IIPDiscardedEvent>(DeliverQueued, id);
     mgr->notifyIfWatched<IIPRequeuedEvent>(DeliverQueued, id);
     mgr->notifyIfWatched<IIPReactivatedEvent>(DeliverQueued, id);
-    mgr->notifyIfWatched<IIPCompletedEvent>(DeliverQueued, id, quorl::cmddistributor::ExecutionSuccess);
+    mgr->notifyIfWatched<IIPCompletedEvent>(DeliverQueued, id,
+                                            quorl::cmddistributor::ExecutionSuccess);
     mgr->flush();
     std::lock_guard<std::mutex> l(m);
     EXPECT_EQ(all, (std::multiset<ustring>{u"iipStarted", u"iipSuspended", u"iipResumed",
@@ -96,9 +96,10 @@ TEST(StateEvents, SerializabilityAndWireForms) {
         EXPECT_EQ(typed->getIdOfChangedIIP(), id);
         EXPECT_TRUE(typed->canBeSerialized()); // read from an archive
     }
-    EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, IIPStartedEvent(id))),
-              (std::vector<std::string>{"object", "IIPEvent", "BaseEvent", "userTags", "count",
-                                        "item_version", "IIP", "origin", "serial"}));
+    EXPECT_EQ(
+        quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, IIPStartedEvent(id))),
+        (std::vector<std::string>{"object", "IIPEvent", "BaseEvent", "userTags", "count",
+                                  "item_version", "IIP", "origin", "serial"}));
     std::ostringstream text;
     IIPStartedEvent(IDType(3, 4)).fillStream(text);
     EXPECT_EQ(text.str(), "EVENT iipStarted\nIIP_ID 3:4\n");
@@ -143,9 +144,9 @@ TEST(CompletionEvent, StatusExceptionAndWireForm) {
         EXPECT_FALSE(dynamic_cast<IIPCompletedEvent*>(okBack.get())->getException());
     }
     auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, ok));
-    std::vector<std::string> const head{"object", "IIPEvent", "IIPEvent", "BaseEvent", "userTags",
-                                        "count", "item_version", "IIP", "origin", "serial",
-                                        "exception", "initialized"};
+    std::vector<std::string> const head{"object",   "IIPEvent", "IIPEvent",     "BaseEvent",
+                                        "userTags", "count",    "item_version", "IIP",
+                                        "origin",   "serial",   "exception",    "initialized"};
     EXPECT_EQ(names, head);
 }
 

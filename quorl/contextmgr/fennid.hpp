@@ -33,8 +33,7 @@ constexpr FennID BlessedFennID{0};
 } // namespace quorl
 
 namespace std {
-template <>
-struct hash<quorl::contextmgr::FennID> {
+template <> struct hash<quorl::contextmgr::FennID> {
     std::size_t operator()(quorl::contextmgr::FennID const& id) const {
         return std::hash<std::int32_t>()(id.value);
     }

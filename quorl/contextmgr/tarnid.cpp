@@ -5,8 +5,7 @@
 namespace quorl {
 namespace contextmgr {
 
-template <class Archive>
-void TarnID::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void TarnID::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("TarnID", value);
 }
 ZN_SERIALIZE_EXPLICIT(TarnID)

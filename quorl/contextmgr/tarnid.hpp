@@ -31,8 +31,7 @@ constexpr TarnID BlessedTarnID{1};
 ZN_SERIALIZATION_TRAITS(quorl::contextmgr::TarnID, 1)
 
 namespace std {
-template <>
-struct hash<quorl::contextmgr::TarnID> {
+template <> struct hash<quorl::contextmgr::TarnID> {
     std::size_t operator()(quorl::contextmgr::TarnID const& id) const {
         return std::hash<std::uint64_t>()(id.value);
     }

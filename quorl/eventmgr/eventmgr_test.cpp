@@ -138,17 +138,15 @@ TEST(ScopedFactoryRegistration, UndoesOnceWhicheverComesFirst) {
     {
         ScopedFactoryRegistration a(
             boost::make_shared<ScopedFactoryRegistration::Impl>(target, undo, false));
-        {
-            ScopedFactoryRegistration b = a;
-        }
+        { ScopedFactoryRegistration b = a; }
         EXPECT_EQ(calls, 0);
     }
     EXPECT_EQ(calls, 1);
 
     // A dead target: nothing is called, and it counts as done.
     calls = 0;
-    auto impl = boost::make_shared<ScopedFactoryRegistration::Impl>(
-        boost::make_shared<Target>(), undo, false);
+    auto impl = boost::make_shared<ScopedFactoryRegistration::Impl>(boost::make_shared<Target>(),
+                                                                    undo, false);
     impl->unregister();
     EXPECT_EQ(calls, 0);
     EXPECT_TRUE(impl->isUnregistered());
@@ -161,7 +159,8 @@ TEST(ScopedFactoryRegistration, UndoesOnceWhicheverComesFirst) {
     int attempts = 0;
     {
         ScopedFactoryRegistration r(boost::make_shared<ScopedFactoryRegistration::Impl>(
-            target, [&] {
+            target,
+            [&] {
                 ++attempts;
                 throw std::runtime_error("registry gone");
             },

@@ -13,8 +13,7 @@ typedef foundation::msg_svc::eventmgr::detail::FlushMessage Base;
 FlushMessage::FlushMessage() : Base(foundation::msg_svc::eventmgr::SessionEmId) {}
 FlushMessage::~FlushMessage() = default;
 
-template <class Archive>
-void FlushMessage::serializeExplicit(Archive& ar, unsigned int version) {
+template <class Archive> void FlushMessage::serializeExplicit(Archive& ar, unsigned int version) {
     if (version == 1)
         ar& boost::serialization::make_nvp("quorl::eventmgr::detail::FlushMessage",
                                            boost::serialization::base_object<Base>(*this));

@@ -23,8 +23,7 @@ std::ostream& TARNShutdownEvent::fillStream(std::ostream& os) const {
     return BaseEvent::fillStream(os);
 }
 
-template <class Archive>
-void TARNShutdownEvent::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void TARNShutdownEvent::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("ShutdownEvent",
                                        boost::serialization::base_object<ShutdownEvent>(*this));
 }

@@ -45,8 +45,12 @@ void hostRunNow(IDType const& id) {
     lastRunNow = id;
 }
 void otherRunNow(IDType const&) {}
-bool yes(quorl::contextmgr::FennID const&) { return true; }
-bool no(quorl::contextmgr::FennID const&) { return false; }
+bool yes(quorl::contextmgr::FennID const&) {
+    return true;
+}
+bool no(quorl::contextmgr::FennID const&) {
+    return false;
+}
 
 Address own(std::string const& q) {
     return Address(ExchangeApi::instance()->getExchangeName(), q);
@@ -110,8 +114,9 @@ TEST(ExchangeFrame, CancelAndRunNowReachTheHostFunctions) {
     EXPECT_TRUE(handlersOnDeliveryThread.load());
 
     IDType const runId;
-    EXPECT_EQ(ex->submitWithReply(boost::make_shared<IIPRunNowMessage>(runId), own("noqueue")).get(),
-              Reply::defaultReply());
+    EXPECT_EQ(
+        ex->submitWithReply(boost::make_shared<IIPRunNowMessage>(runId), own("noqueue")).get(),
+        Reply::defaultReply());
     EXPECT_EQ(runNows.load(), 1);
     EXPECT_EQ(lastRunNow, runId);
 }
@@ -129,10 +134,10 @@ TEST(ExchangeFrame, AssignToPromiseChecksTheReplyType) {
 
 TEST(ExchangeFrame, MessagesCrossEveryArchiveWithTheirFieldNames) {
     IDType const id(12345, 678);
-    expectRoundTrips(IIPCancelMessage(id, true), {"object", "message", "id", "origin", "serial",
-                                                  "interrupt"});
-    expectRoundTrips(IIPCancelMessage(id, false), {"object", "message", "id", "origin", "serial",
-                                                   "interrupt"});
+    expectRoundTrips(IIPCancelMessage(id, true),
+                     {"object", "message", "id", "origin", "serial", "interrupt"});
+    expectRoundTrips(IIPCancelMessage(id, false),
+                     {"object", "message", "id", "origin", "serial", "interrupt"});
     expectRoundTrips(IIPRunNowMessage(id), {"object", "message", "id", "origin", "serial"});
     EXPECT_FALSE(IIPCancelMessage(id, true) == IIPCancelMessage(id, false));
     EXPECT_FALSE(Message() == IIPRunNowMessage(id));
@@ -147,8 +152,8 @@ TEST(ExchangeFrame, MessagesCrossEveryArchiveWithTheirFieldNames) {
         EXPECT_EQ(static_cast<IIPCancelReply*>(back)->getStatus(), IIPCancelReply::CancelAccepted);
         delete back;
     }
-    EXPECT_EQ(quorl_testing::xmlElementNames(
-                  quorl_testing::write(Family::Xml, IIPCancelReply(IIPCancelReply::CancelAccepted))),
+    EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(
+                  Family::Xml, IIPCancelReply(IIPCancelReply::CancelAccepted))),
               (std::vector<std::string>{"object", "reply", "status"}));
 }
 

@@ -31,15 +31,14 @@ protected:
 } // namespace
 
 namespace cmddistributor {
-template <>
-struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
+template <> struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
 } // namespace cmddistributor
 
 TEST(NoHost, EnqueuedPacketsAreDiscardedNotLost) {
     auto manager = quorl::eventmgr::createLocalEventMgr(boost::none);
     // Unwatched: the message answers, and no event is built.
-    IIPEnqueueMessage const unwatched(boost::make_shared<TestIIP const>(), IDType(), quorl::contextmgr::FennID{0},
-                                      boost::none, nullptr,
+    IIPEnqueueMessage const unwatched(boost::make_shared<TestIIP const>(), IDType(),
+                                      quorl::contextmgr::FennID{0}, boost::none, nullptr,
                                       quorl::cmddistributor::WhenToDequeue::DequeueDefault, false);
     EXPECT_EQ(unwatched.deliver(foundation::msg_svc::exchange::Routing("x", "noqueue")),
               foundation::msg_svc::exchange::Reply::defaultReply());
@@ -50,8 +49,8 @@ TEST(NoHost, EnqueuedPacketsAreDiscardedNotLost) {
         if (e.getIdOfChangedIIP() == id)
             ++discarded;
     });
-    IIPEnqueueMessage const watched(boost::make_shared<TestIIP const>(), id, quorl::contextmgr::FennID{0},
-                                    boost::none, nullptr,
+    IIPEnqueueMessage const watched(boost::make_shared<TestIIP const>(), id,
+                                    quorl::contextmgr::FennID{0}, boost::none, nullptr,
                                     quorl::cmddistributor::WhenToDequeue::DequeueDefault, true);
     watched.deliver(foundation::msg_svc::exchange::Routing("x", "noqueue"));
     manager->flush();

@@ -70,8 +70,7 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
             std::mt19937 rng(static_cast<unsigned>(c) * 7919u + 17u);
-            auto distributor =
-                CmdDistributor::instance(quorl::contextmgr::FennID{1 + (c % 2)});
+            auto distributor = CmdDistributor::instance(quorl::contextmgr::FennID{1 + (c % 2)});
             for (long i = 0; i < perClient; ++i) {
                 Slot& s = *slots[static_cast<std::size_t>(c * perClient + i)];
                 unsigned const kind = rng() % 4;
@@ -162,13 +161,16 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         ASSERT_TRUE(s.future.is_ready())
-            << "a future never ended: request " << s.id.toString() << (s.withContinuation ? " with" : " without")
+            << "a future never ended: request " << s.id.toString()
+            << (s.withContinuation ? " with" : " without")
             << " continuation; tracked by its distributor: "
             << boost::static_pointer_cast<DefaultDistributor>(
-                   CmdDistributor::instance(quorl::contextmgr::FennID{1}))->trackedCount()
+                   CmdDistributor::instance(quorl::contextmgr::FennID{1}))
+                   ->trackedCount()
             << " and "
             << boost::static_pointer_cast<DefaultDistributor>(
-                   CmdDistributor::instance(quorl::contextmgr::FennID{2}))->trackedCount();
+                   CmdDistributor::instance(quorl::contextmgr::FennID{2}))
+                   ->trackedCount();
         try {
             s.future.get();
             s.outcome = Value;

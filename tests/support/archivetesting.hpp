@@ -23,30 +23,47 @@ namespace quorl_testing {
 enum class Family { Binary, Text, Xml, PolyBinary, PolyText, PolyXml };
 
 inline std::vector<Family> allFamilies() {
-    return {Family::Binary, Family::Text, Family::Xml,
+    return {Family::Binary,     Family::Text,     Family::Xml,
             Family::PolyBinary, Family::PolyText, Family::PolyXml};
 }
 
 inline char const* familyName(Family f) {
     switch (f) {
-    case Family::Binary: return "binary";
-    case Family::Text: return "text";
-    case Family::Xml: return "xml";
-    case Family::PolyBinary: return "polymorphic binary";
-    case Family::PolyText: return "polymorphic text";
-    case Family::PolyXml: return "polymorphic xml";
+    case Family::Binary:
+        return "binary";
+    case Family::Text:
+        return "text";
+    case Family::Xml:
+        return "xml";
+    case Family::PolyBinary:
+        return "polymorphic binary";
+    case Family::PolyText:
+        return "polymorphic text";
+    case Family::PolyXml:
+        return "polymorphic xml";
     }
     return "?";
 }
 
-template <class T>
-std::string write(Family f, T const& value, char const* name = "object") {
+template <class T> std::string write(Family f, T const& value, char const* name = "object") {
     std::ostringstream os;
     auto nvp = boost::serialization::make_nvp(name, value);
     switch (f) {
-    case Family::Binary: { boost::archive::binary_oarchive a(os); a << nvp; break; }
-    case Family::Text: { boost::archive::text_oarchive a(os); a << nvp; break; }
-    case Family::Xml: { boost::archive::xml_oarchive a(os); a << nvp; break; }
+    case Family::Binary: {
+        boost::archive::binary_oarchive a(os);
+        a << nvp;
+        break;
+    }
+    case Family::Text: {
+        boost::archive::text_oarchive a(os);
+        a << nvp;
+        break;
+    }
+    case Family::Xml: {
+        boost::archive::xml_oarchive a(os);
+        a << nvp;
+        break;
+    }
     case Family::PolyBinary: {
         boost::archive::polymorphic_binary_oarchive a(os);
         static_cast<boost::archive::polymorphic_oarchive&>(a) << nvp;
@@ -71,9 +88,21 @@ void read(Family f, std::string const& bytes, T& value, char const* name = "obje
     std::istringstream is(bytes);
 #define nvp boost::serialization::make_nvp(name, value)
     switch (f) {
-    case Family::Binary: { boost::archive::binary_iarchive a(is); a >> nvp; break; }
-    case Family::Text: { boost::archive::text_iarchive a(is); a >> nvp; break; }
-    case Family::Xml: { boost::archive::xml_iarchive a(is); a >> nvp; break; }
+    case Family::Binary: {
+        boost::archive::binary_iarchive a(is);
+        a >> nvp;
+        break;
+    }
+    case Family::Text: {
+        boost::archive::text_iarchive a(is);
+        a >> nvp;
+        break;
+    }
+    case Family::Xml: {
+        boost::archive::xml_iarchive a(is);
+        a >> nvp;
+        break;
+    }
     case Family::PolyBinary: {
         boost::archive::polymorphic_binary_iarchive a(is);
         static_cast<boost::archive::polymorphic_iarchive&>(a) >> nvp;

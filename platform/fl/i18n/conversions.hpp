@@ -38,8 +38,7 @@ public:
     ustring operator()(char const* begin, char const* end) const;
 };
 
-template <class Codecvt>
-ustring converter(Codecvt const& cvt, std::string const& text) {
+template <class Codecvt> ustring converter(Codecvt const& cvt, std::string const& text) {
     return cvt(text.data(), text.data() + text.size());
 }
 

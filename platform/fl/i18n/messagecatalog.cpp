@@ -32,8 +32,7 @@ std::string trim(std::string const& s) {
     return s.substr(b, e - b + 1);
 }
 
-void readFile(boost::filesystem::path const& file,
-              std::unordered_map<std::string, ustring>& into) {
+void readFile(boost::filesystem::path const& file, std::unordered_map<std::string, ustring>& into) {
     std::ifstream in(file.string());
     std::string line;
     for (int lineNo = 1; std::getline(in, line); ++lineNo) {

@@ -65,9 +65,7 @@ TEST(DiagnosticLogger, MaskIsTestedBeforeTextIsBuilt) {
     EXPECT_FALSE(logger.is_enabled(log::trace));
     log::clear_channel_mask("quorl::test::channel");
     EXPECT_TRUE(logger.is_enabled(log::trace));
-    {
-        log::trace_scope scope(other, "work");
-    }
+    { log::trace_scope scope(other, "work"); }
     EXPECT_NE(out.str().find("enter work"), std::string::npos);
     EXPECT_NE(out.str().find("leave work"), std::string::npos);
     log::set_default_mask(log::mask_from(log::error));

@@ -68,7 +68,7 @@ void Context::insert(std::uint64_t slot, std::type_info const& type, void* value
 }
 
 void* Context::findOrInsert(std::uint64_t slot, std::type_info const& type, void* value,
-                           ValueDeleter deleter) {
+                            ValueDeleter deleter) {
     void* kept;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -140,8 +140,8 @@ void Detail<scope::Tarn>::insert(std::uint64_t slot, std::type_info const& type,
     c->insert(slot, type, value, deleter);
 }
 
-void* Detail<scope::Tarn>::findOrInsert(std::uint64_t slot, std::type_info const& type,
-                                        void* value, ValueDeleter deleter) {
+void* Detail<scope::Tarn>::findOrInsert(std::uint64_t slot, std::type_info const& type, void* value,
+                                        ValueDeleter deleter) {
     Context* c = tlsCurrent;
     if (!c) {
         deleter(value);

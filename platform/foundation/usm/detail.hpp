@@ -26,11 +26,9 @@ public:
     SlotNotFound(std::uint64_t slot, std::type_info const& type);
 };
 
-template <class Scope>
-class Detail;
+template <class Scope> class Detail;
 
-template <>
-class Detail<scope::Tarn> {
+template <> class Detail<scope::Tarn> {
 public:
     static bool isRequiredContextActive() { return Context::current() != nullptr; }
 
@@ -51,21 +49,17 @@ public:
                               ValueDeleter deleter);
 
     // Typed conveniences over the above.
-    template <class T>
-    static T* findAs(std::uint64_t slot) {
+    template <class T> static T* findAs(std::uint64_t slot) {
         return static_cast<T*>(find(slot, typeid(T)));
     }
-    template <class T>
-    static T& findOrFailAs(std::uint64_t slot) {
+    template <class T> static T& findOrFailAs(std::uint64_t slot) {
         return *static_cast<T*>(findOrFail(slot, typeid(T)));
     }
-    template <class T>
-    static T& findOrInsertValue(std::uint64_t slot, T const& value) {
+    template <class T> static T& findOrInsertValue(std::uint64_t slot, T const& value) {
         return *static_cast<T*>(findOrInsert(slot, typeid(T), new T(value),
                                              [](void* p) { delete static_cast<T*>(p); }));
     }
-    template <class T>
-    static void insertValue(std::uint64_t slot, T const& value) {
+    template <class T> static void insertValue(std::uint64_t slot, T const& value) {
         insert(slot, typeid(T), new T(value), [](void* p) { delete static_cast<T*>(p); });
     }
 };

@@ -19,32 +19,25 @@ namespace old {
 
 struct Message {
     virtual ~Message() = default;
-    template <class A>
-    void serialize(A&, unsigned) {}
+    template <class A> void serialize(A&, unsigned) {}
 };
 
 struct IIP {
     virtual ~IIP() = default;
-    template <class A>
-    void serialize(A&, unsigned) {}
+    template <class A> void serialize(A&, unsigned) {}
 };
 
 struct TarnID {
     unsigned long long value = 0;
-    template <class A>
-    void serialize(A& ar, unsigned) {
-        ar& make_nvp("TarnID", value);
-    }
+    template <class A> void serialize(A& ar, unsigned) { ar& make_nvp("TarnID", value); }
 };
 
-template <int Version>
-struct Enqueue : Message {
+template <int Version> struct Enqueue : Message {
     int fenn = 0;
     boost::optional<TarnID> tarn;
     bool hasFuture = false;
     int dequeueMode = 0;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("message", base_object<Message>(*this));
         ar& make_nvp("fennid", fenn);
         IIP* none = nullptr;

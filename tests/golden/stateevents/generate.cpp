@@ -22,8 +22,7 @@ namespace old {
 struct IDType {
     int origin = 0;
     long long serial = 0;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("origin", origin);
         ar& make_nvp("serial", serial);
     }
@@ -33,24 +32,19 @@ struct BaseEvent {
     virtual ~BaseEvent() = default;
     virtual void clone() const = 0; // abstract, as the real base is
     std::vector<std::wstring> userTags;
-    template <class A>
-    void serialize(A& ar, unsigned) {
-        ar& make_nvp("userTags", userTags);
-    }
+    template <class A> void serialize(A& ar, unsigned) { ar& make_nvp("userTags", userTags); }
 };
 
 // IIPStateEvent at version 0: the base only.
 struct StateEventV0 : BaseEvent {
     void clone() const override {}
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("BaseEvent", base_object<BaseEvent>(*this));
     }
 };
 
 struct DiscardedOnV0 : StateEventV0 {
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("IIPEvent", base_object<StateEventV0>(*this));
     }
 };
@@ -58,16 +52,14 @@ struct DiscardedOnV0 : StateEventV0 {
 struct StateEventV1 : BaseEvent {
     void clone() const override {}
     IDType id;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("BaseEvent", base_object<BaseEvent>(*this));
         ar& make_nvp("IIP", id);
     }
 };
 
 struct CompletedBase : StateEventV1 {
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("IIPEvent", base_object<StateEventV1>(*this));
     }
 };
@@ -75,8 +67,7 @@ struct CompletedBase : StateEventV1 {
 // IIPCompletedEvent at version 1: a status instead of the exception.
 struct CompletedV1 : CompletedBase {
     int status = 0;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& make_nvp("IIPEvent", base_object<CompletedBase>(*this));
         ar& make_nvp("status", status);
     }
@@ -97,8 +88,7 @@ BOOST_CLASS_EXPORT_GUID(old::CompletedBase, "cmddistributor::BaseCompletedEventT
 BOOST_CLASS_EXPORT_GUID(old::CompletedV1, "cmddistributor::IIPCompletedEvent")
 
 namespace {
-template <class T>
-void writeBoth(std::string const& dir, std::string const& stem, T const& event) {
+template <class T> void writeBoth(std::string const& dir, std::string const& stem, T const& event) {
     old::BaseEvent const* p = &event;
     {
         std::ofstream os(dir + "/" + stem + ".txt");

@@ -22,12 +22,11 @@ std::string narrowLenient(ustring const& text);
 ustring widenLenient(std::string const& text);
 } // namespace detail
 
-template <class Interface, class Base, class Extra>
-class Exception;
+template <class Interface, class Base, class Extra> class Exception;
 
 template <>
 class Exception<IUserException, std::exception, void> : public IUserException,
-                                                          public std::exception {
+                                                        public std::exception {
 public:
     Exception() = default;
     Exception(std::string id, ustring message) : id_(std::move(id)), message_(std::move(message)) {}
@@ -63,8 +62,12 @@ public:
 
 protected:
     // Narrow to 16-bit and back, leniently: never throws on malformed text.
-    virtual ustring convert_str(std::string const& text) const { return detail::widenLenient(text); }
-    virtual std::string convert_str(ustring const& text) const { return detail::narrowLenient(text); }
+    virtual ustring convert_str(std::string const& text) const {
+        return detail::widenLenient(text);
+    }
+    virtual std::string convert_str(ustring const& text) const {
+        return detail::narrowLenient(text);
+    }
     // The whole error as one text: the identifier (if any) and the message.
     virtual ustring ToUstringImpl() const {
         ustring id = convert_str(GetID());

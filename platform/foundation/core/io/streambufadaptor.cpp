@@ -74,9 +74,11 @@ private:
             ++back;
         if (back < n) {
             unsigned lead = static_cast<unsigned char>(pending_[n - 1 - back]);
-            std::size_t len = lead < 0x80 ? 1 : (lead & 0xE0) == 0xC0 ? 2
-                                            : (lead & 0xF0) == 0xE0 ? 3
-                                            : (lead & 0xF8) == 0xF0 ? 4 : 1;
+            std::size_t len = lead < 0x80             ? 1
+                              : (lead & 0xE0) == 0xC0 ? 2
+                              : (lead & 0xF0) == 0xE0 ? 3
+                              : (lead & 0xF8) == 0xF0 ? 4
+                                                      : 1;
             if (len > back + 1)
                 return n - 1 - back; // the last character is incomplete
         }

@@ -1,5 +1,6 @@
 #include <foundation/core/log/diagnosticlogger.hpp>
 
+#include <boost/core/null_deleter.hpp>
 #include <boost/log/attributes/constant.hpp>
 #include <boost/log/core.hpp>
 #include <boost/log/expressions.hpp>
@@ -8,7 +9,6 @@
 #include <boost/log/sources/channel_logger.hpp>
 #include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/sources/severity_channel_logger.hpp>
-#include <boost/core/null_deleter.hpp>
 
 #include <cstdlib>
 #include <iostream>
@@ -76,8 +76,8 @@ struct Registry {
         console->set_formatter([](blog::record_view const& rec, blog::formatting_ostream& os) {
             auto ch = rec["Channel"].extract<std::string>();
             auto sev = rec["Severity"].extract<severity_level>();
-            os << '[' << (ch ? *ch : std::string()) << "] "
-               << (sev ? severity_name(*sev) : "log") << ": " << rec[blog::expressions::smessage];
+            os << '[' << (ch ? *ch : std::string()) << "] " << (sev ? severity_name(*sev) : "log")
+               << ": " << rec[blog::expressions::smessage];
         });
         core->add_sink(console);
     }
@@ -92,7 +92,7 @@ struct Registry {
                 std::string name = item.substr(0, eq);
                 std::string level = item.substr(eq + 1);
                 unsigned mask = 0;
-                static char const* const names[] = {"trace", "debug", "info",
+                static char const* const names[] = {"trace",   "debug", "info",
                                                     "warning", "error", "fatal"};
                 for (unsigned i = 0; i < 6; ++i) {
                     if (level == names[i])

@@ -49,8 +49,7 @@ std::atomic<unsigned> const* channelMask(std::string const& channel);
 void emit(std::string const& channel, severity_level level, std::string const& text);
 } // namespace detail
 
-template <class CharT>
-class basic_diagnostic_logger {
+template <class CharT> class basic_diagnostic_logger {
 public:
     explicit basic_diagnostic_logger(std::string channel)
         : channel_(std::move(channel)), mask_(detail::channelMask(channel_)) {}
@@ -73,8 +72,7 @@ typedef basic_diagnostic_logger<char> diagnostic_logger;
 
 namespace detail {
 // Collects one record's text and emits it when destroyed.
-template <class Logger>
-class record_pump {
+template <class Logger> class record_pump {
 public:
     record_pump(Logger const& logger, severity_level level) : logger_(logger), level_(level) {}
     record_pump(record_pump const&) = delete;
@@ -116,7 +114,7 @@ struct Voidify {
 #define ZN_LOG(logger, level)                                                                      \
     !(logger).is_enabled(level)                                                                    \
         ? (void)0                                                                                  \
-        : ::foundation::core::log::detail::Voidify() &                                            \
+        : ::foundation::core::log::detail::Voidify() &                                             \
               ::foundation::core::log::detail::record_pump<std::decay_t<decltype(logger)>>(logger, \
                                                                                            level)  \
                   .stream()

@@ -100,8 +100,7 @@ std::ostream& operator<<(std::ostream& os, BaseEvent const& event) {
     return event.fillStream(os);
 }
 
-template <class Archive>
-void BaseEvent::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void BaseEvent::serializeExplicit(Archive& ar, unsigned int) {
     TagVector tags(typeInfo_->getUserTags().begin(), typeInfo_->getUserTags().end());
     ar& boost::serialization::make_nvp("userTags", tags);
     if (Archive::is_loading::value && !tags.empty())
@@ -114,8 +113,7 @@ ShutdownEvent::ShutdownEvent(boost::shared_ptr<TypeInformation> const& typeInfo)
 
 ShutdownEvent::~ShutdownEvent() = default;
 
-template <class Archive>
-void ShutdownEvent::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void ShutdownEvent::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("BaseEvent",
                                        boost::serialization::base_object<BaseEvent>(*this));
 }

@@ -28,8 +28,7 @@ extern EmID const SessionEmId;
 } // namespace foundation
 
 namespace std {
-template <>
-struct hash<foundation::msg_svc::eventmgr::EmID> {
+template <> struct hash<foundation::msg_svc::eventmgr::EmID> {
     std::size_t operator()(foundation::msg_svc::eventmgr::EmID const& id) const {
         return std::hash<std::uint64_t>()(id.value());
     }

@@ -49,8 +49,7 @@ public:
                                                  TagIterator end) = 0;
 
     // Typed subscription: `callback` receives every event that is a T, as T.
-    template <class T, class F>
-    std::unique_ptr<Connection> subscribe(F callback) {
+    template <class T, class F> std::unique_ptr<Connection> subscribe(F callback) {
         return subscribe<T>(std::move(callback), TagVector());
     }
     // With tags: events of T's family whose tags hold all of `tags`.
@@ -60,18 +59,15 @@ public:
             [callback](BaseEvent const& e) { callback(static_cast<T const&>(e)); },
             &detail::subscriptionCountFactory<T>, tags.begin(), tags.end());
     }
-    template <class T>
-    std::unique_ptr<WatchToken> watch() {
+    template <class T> std::unique_ptr<WatchToken> watch() {
         static TagVector const none;
         return addWatch(&detail::subscriptionCountFactory<T>, none.begin(), none.end());
     }
 
-    template <class T, class... Args>
-    void notify(DeliverMode mode, Args&&... args) {
+    template <class T, class... Args> void notify(DeliverMode mode, Args&&... args) {
         doNotify(boost::make_shared<T const>(std::forward<Args>(args)...), mode);
     }
-    template <class T, class... Args>
-    void notifyIfWatched(DeliverMode mode, Args&&... args) {
+    template <class T, class... Args> void notifyIfWatched(DeliverMode mode, Args&&... args) {
         static TagVector const none;
         bool watched;
         {
@@ -83,7 +79,8 @@ public:
             notify<T>(mode, std::forward<Args>(args)...);
     }
     // Publishes an event made elsewhere.
-    void publish(boost::shared_ptr<BaseEvent const> const& event, DeliverMode mode = DeliverQueued) {
+    void publish(boost::shared_ptr<BaseEvent const> const& event,
+                 DeliverMode mode = DeliverQueued) {
         doNotify(event, mode);
     }
 

@@ -29,12 +29,12 @@ public:
     int value;
 
 protected:
-    NumberEvent(boost::shared_ptr<TypeInformation> const& info, int v) : BaseEvent(info), value(v) {}
+    NumberEvent(boost::shared_ptr<TypeInformation> const& info, int v)
+        : BaseEvent(info), value(v) {}
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("BaseEvent",
                                            boost::serialization::base_object<BaseEvent>(*this));
         ar& boost::serialization::make_nvp("value", value);
@@ -50,8 +50,7 @@ public:
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("NumberEvent",
                                            boost::serialization::base_object<NumberEvent>(*this));
     }

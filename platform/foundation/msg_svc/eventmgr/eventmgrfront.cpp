@@ -135,8 +135,7 @@ public:
         if (!thread_.joinable())
             return;
         // A subscriber blocked forever must not hang the process's exit.
-        if (thread_.get_id() == std::this_thread::get_id() ||
-            shutdown::isProcessTerminating() ||
+        if (thread_.get_id() == std::this_thread::get_id() || shutdown::isProcessTerminating() ||
             exited_.wait_for(std::chrono::seconds(2)) != std::future_status::ready)
             thread_.detach();
         else
@@ -212,8 +211,9 @@ private:
         }
         if (targets.empty())
             return;
-        std::sort(targets.begin(), targets.end(),
-                  [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->seq < b->seq; });
+        std::sort(
+            targets.begin(), targets.end(),
+            [](SubscriptionPtr const& a, SubscriptionPtr const& b) { return a->seq < b->seq; });
         boost::shared_ptr<threadutil::CountedMutex> mutex;
         if (getter && *getter)
             mutex = (*getter)();
@@ -236,10 +236,10 @@ private:
     }
 
     EmID const id_;
-    std::mutex tableMutex_;             // guards table_ (the pointer) and nextSeq_
+    std::mutex tableMutex_; // guards table_ (the pointer) and nextSeq_
     std::shared_ptr<Table const> table_;
     std::uint64_t nextSeq_ = 1;
-    std::mutex queueMutex_;             // guards queue_, counters, stopping_, thread_ start
+    std::mutex queueMutex_; // guards queue_, counters, stopping_, thread_ start
     std::condition_variable wake_;
     std::condition_variable done_;
     std::deque<Item> queue_;
@@ -301,9 +301,10 @@ class FrontState {
 public:
     void track(std::weak_ptr<Subscription> const& sub) {
         std::lock_guard<std::mutex> lock(mutex_);
-        subs_.erase(std::remove_if(subs_.begin(), subs_.end(),
-                                   [](std::weak_ptr<Subscription> const& w) { return w.expired(); }),
-                    subs_.end());
+        subs_.erase(
+            std::remove_if(subs_.begin(), subs_.end(),
+                           [](std::weak_ptr<Subscription> const& w) { return w.expired(); }),
+            subs_.end());
         subs_.push_back(sub);
     }
     std::vector<std::weak_ptr<Subscription>> terminate() {
@@ -389,9 +390,9 @@ void EventMgrFront::flush() {
         detail::hubFor(remoteEmId_)->flush(mutexGetter_.get());
         return;
     }
-    auto future = exchange->submitWithReply(boost::make_shared<detail::FlushMessage>(remoteEmId_),
-                                            exchange::Address(remoteExchange_,
-                                                              exchange::Address::SpecializedQueues::noqueue()));
+    auto future = exchange->submitWithReply(
+        boost::make_shared<detail::FlushMessage>(remoteEmId_),
+        exchange::Address(remoteExchange_, exchange::Address::SpecializedQueues::noqueue()));
     boost::shared_ptr<threadutil::CountedMutex> held;
     if (mutexGetter_ && *mutexGetter_)
         held = (*mutexGetter_)();
@@ -453,13 +454,13 @@ void EventMgrFront::doNotify(boost::shared_ptr<BaseEvent const> const& event, De
         return;
     }
     if (!event->canBeSerialized()) {
-        ZN_LOG(logger(), log::info) << "an event that cannot be serialized was not sent to '"
-                                    << remoteExchange_ << "'";
+        ZN_LOG(logger(), log::info)
+            << "an event that cannot be serialized was not sent to '" << remoteExchange_ << "'";
         return;
     }
-    exchange->submit(boost::make_shared<detail::EventMessage>(remoteEmId_, event, mode),
-                     exchange::Address(remoteExchange_,
-                                       exchange::Address::SpecializedQueues::noqueue()));
+    exchange->submit(
+        boost::make_shared<detail::EventMessage>(remoteEmId_, event, mode),
+        exchange::Address(remoteExchange_, exchange::Address::SpecializedQueues::noqueue()));
 }
 
 void publishLocally(EmID const& emId, boost::shared_ptr<BaseEvent const> const& event) {

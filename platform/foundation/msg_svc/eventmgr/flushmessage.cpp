@@ -31,8 +31,7 @@ bool FlushMessage::protectedEquals(exchange::Message const& other) const {
            static_cast<FlushMessage const&>(other).emId_ == emId_;
 }
 
-template <class Archive>
-void FlushMessage::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void FlushMessage::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("message",
                                        boost::serialization::base_object<exchange::Message>(*this));
     std::uint64_t id = emId_.value();
@@ -66,8 +65,7 @@ bool EventMessage::protectedEquals(exchange::Message const& other) const {
            (o.event_ == event_ || (o.event_ && event_ && *o.event_ == *event_));
 }
 
-template <class Archive>
-void EventMessage::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void EventMessage::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("message",
                                        boost::serialization::base_object<exchange::Message>(*this));
     std::uint64_t id = emId_.value();

@@ -16,7 +16,8 @@ public:
     explicit FlushMessage(EmID const& emId);
     ~FlushMessage() override;
 
-    boost::shared_ptr<exchange::Reply const> deliver(exchange::Routing const& routing) const override;
+    boost::shared_ptr<exchange::Reply const>
+    deliver(exchange::Routing const& routing) const override;
     std::ostream& toString(std::ostream& os, int indent) const override;
     EmID const& getEmId() const { return emId_; }
 
@@ -35,7 +36,8 @@ public:
     EventMessage(EmID const& emId, boost::shared_ptr<BaseEvent const> const& event, int mode);
     ~EventMessage() override;
 
-    boost::shared_ptr<exchange::Reply const> deliver(exchange::Routing const& routing) const override;
+    boost::shared_ptr<exchange::Reply const>
+    deliver(exchange::Routing const& routing) const override;
     std::ostream& toString(std::ostream& os, int indent) const override;
     boost::shared_ptr<BaseEvent const> const& getEvent() const { return event_; }
 

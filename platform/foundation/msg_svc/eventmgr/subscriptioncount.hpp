@@ -94,8 +94,7 @@ void* allocateCountObject(std::size_t size);
 void releaseCountObject(void* p, std::size_t size) noexcept;
 
 // The cells of T's chain, looked up once per type.
-template <class T>
-struct TypeCountCells {
+template <class T> struct TypeCountCells {
     static std::vector<std::atomic<std::uint64_t>*> const& cells() {
         static std::vector<std::atomic<std::uint64_t>*> const c = [] {
             std::vector<std::atomic<std::uint64_t>*> v;
@@ -107,8 +106,7 @@ struct TypeCountCells {
     }
 };
 
-template <class T>
-class SubscriptionCountByType : public SubscriptionCount {
+template <class T> class SubscriptionCountByType : public SubscriptionCount {
 public:
     SubscriptionCountByType() : cells_(TypeCountCells<T>::cells()) {}
     bool hasSubscriptions() const override {
@@ -144,8 +142,8 @@ template <class T>
 std::unique_ptr<SubscriptionCount> subscriptionCountFactory(TagIterator begin, TagIterator end,
                                                             std::string const&) {
     if (LeakCheck::isLeakChecking()) {
-        TagVector tags = begin == end ? TagVector{TypeNameChain<T>::names().front()}
-                                      : TagVector(begin, end);
+        TagVector tags =
+            begin == end ? TagVector{TypeNameChain<T>::names().front()} : TagVector(begin, end);
         return std::unique_ptr<SubscriptionCount>(new YesSubscriptionCount(std::move(tags)));
     }
     if (begin == end)

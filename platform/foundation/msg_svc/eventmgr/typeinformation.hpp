@@ -69,8 +69,7 @@ private:
 namespace detail {
 
 // The chain of names of T: T's own, then its base's chain.
-template <class T>
-struct TypeNameChain {
+template <class T> struct TypeNameChain {
     static TagVector make() {
         TagVector names{T::eventTypeName()};
         TagVector const& base = TypeNameChain<typename T::EventBaseType>::names();
@@ -83,31 +82,26 @@ struct TypeNameChain {
     }
 };
 
-template <>
-struct TypeNameChain<void> {
+template <> struct TypeNameChain<void> {
     static TagVector const& names() {
         static TagVector const n;
         return n;
     }
 };
 
-template <class T, class = void>
-struct HasFieldsEqual : std::false_type {};
+template <class T, class = void> struct HasFieldsEqual : std::false_type {};
 template <class T>
-struct HasFieldsEqual<T, decltype(void(std::declval<T const&>().fieldsEqual(std::declval<T const&>())))>
-    : std::true_type {};
+struct HasFieldsEqual<T, decltype(void(std::declval<T const&>().fieldsEqual(
+                             std::declval<T const&>())))> : std::true_type {};
 
-template <class T>
-bool eventFieldsEqual(T const& a, T const& b, std::true_type) {
+template <class T> bool eventFieldsEqual(T const& a, T const& b, std::true_type) {
     return a.fieldsEqual(b);
 }
-template <class T>
-bool eventFieldsEqual(T const&, T const&, std::false_type) {
+template <class T> bool eventFieldsEqual(T const&, T const&, std::false_type) {
     return true;
 }
 
-template <class T>
-class DerivedTypeInformation : public TypeInformation {
+template <class T> class DerivedTypeInformation : public TypeInformation {
 public:
     // The one record of T, made at first use.
     static boost::shared_ptr<TypeInformation> const& instance() {
@@ -152,8 +146,7 @@ private:
 } // namespace detail
 
 // The type information of event type T.
-template <class T>
-boost::shared_ptr<TypeInformation> const& typeInformationOf() {
+template <class T> boost::shared_ptr<TypeInformation> const& typeInformationOf() {
     return detail::DerivedTypeInformation<T>::instance();
 }
 

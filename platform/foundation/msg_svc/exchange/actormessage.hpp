@@ -13,15 +13,13 @@ namespace foundation {
 namespace msg_svc {
 namespace exchange {
 
-template <class Api>
-class ActorMessageAPI : public Message {
+template <class Api> class ActorMessageAPI : public Message {
 public:
     typedef Api actor_type;
     virtual boost::shared_ptr<Reply const> deliverToActor(Api& actor) const = 0;
 };
 
-template <class M, class Api>
-class ActorMessage : public ActorMessageAPI<Api> {
+template <class M, class Api> class ActorMessage : public ActorMessageAPI<Api> {
 public:
     boost::shared_ptr<Reply const> deliver(Routing const&) const override {
         return boost::shared_ptr<Reply const>();

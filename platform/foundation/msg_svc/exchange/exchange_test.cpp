@@ -31,17 +31,17 @@ class TestReply : public Reply {
 public:
     explicit TestReply(int v = 0) : value(v) {}
     int value;
-    static void assignToPromise(
-        boost::shared_ptr<boost::promise<boost::shared_ptr<TestReply const>>> const& p,
-        boost::shared_ptr<Reply const> const& r) {
+    static void
+    assignToPromise(boost::shared_ptr<boost::promise<boost::shared_ptr<TestReply const>>> const& p,
+                    boost::shared_ptr<Reply const> const& r) {
         p->set_value(boost::dynamic_pointer_cast<TestReply const>(r));
     }
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
-        ar& boost::serialization::make_nvp("reply", boost::serialization::base_object<Reply>(*this));
+    template <class A> void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("reply",
+                                           boost::serialization::base_object<Reply>(*this));
         ar& boost::serialization::make_nvp("value", value);
     }
 };
@@ -63,8 +63,7 @@ public:
 
 private:
     friend class boost::serialization::access;
-    template <class A>
-    void serialize(A& ar, unsigned) {
+    template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("message",
                                            boost::serialization::base_object<Message>(*this));
         ar& boost::serialization::make_nvp("n", n_);
@@ -108,9 +107,9 @@ class NestedMessage : public Message {
 public:
     boost::shared_ptr<Reply const> deliver(Routing const&) const override {
         auto ex = ExchangeApi::instance();
-        auto f = ex->submitWithReply(boost::make_shared<EchoMessage>(7),
-                                     Address(ex->getExchangeName(),
-                                             Address::SpecializedQueues::unordered()));
+        auto f = ex->submitWithReply(
+            boost::make_shared<EchoMessage>(7),
+            Address(ex->getExchangeName(), Address::SpecializedQueues::unordered()));
         return f.get();
     }
 };
@@ -280,13 +279,14 @@ TEST(Exchange, OtherExchangesAreReachedSerializedAndFailuresAreReported) {
     // A peer that stops fails what is pending there.
     auto gate2 = std::make_shared<Gate>();
     exB.reset();
-    auto afterStop = exA->submitWithReply(boost::make_shared<EchoMessage>(2),
-                                          Address("test-peer-b", "noqueue"));
+    auto afterStop =
+        exA->submitWithReply(boost::make_shared<EchoMessage>(2), Address("test-peer-b", "noqueue"));
     EXPECT_THROW(afterStop.get(), DeliveryError);
     // Without a transport another exchange cannot be reached at all.
-    EXPECT_THROW(ExchangeApi::instance()
-                     ->submitWithReply(boost::make_shared<EchoMessage>(1), Address("elsewhere", "q"))
-                     .get(),
-                 DeliveryError);
+    EXPECT_THROW(
+        ExchangeApi::instance()
+            ->submitWithReply(boost::make_shared<EchoMessage>(1), Address("elsewhere", "q"))
+            .get(),
+        DeliveryError);
     EXPECT_NE(local, "test-peer-a");
 }

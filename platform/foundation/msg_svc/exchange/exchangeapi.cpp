@@ -149,8 +149,8 @@ public:
         try {
             frame = wire::decodeFrame(bytes);
         } catch (std::exception const& e) {
-            ZN_LOG(logger(), log::error) << name_ << ": dropped a malformed frame from " << from
-                                         << ": " << e.what();
+            ZN_LOG(logger(), log::error)
+                << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
             return;
         }
         switch (frame.kind) {
@@ -237,12 +237,12 @@ private:
                 ZN_LOG(logger(), log::error) << "delivery failed: " << describe(error);
             }
         };
-        bool posted = actor ? actor->lane.post(std::move(job))
-                            : unordered ? unordered_.post(std::move(job))
-                                        : ordered_.post(std::move(job));
+        bool posted = actor       ? actor->lane.post(std::move(job))
+                      : unordered ? unordered_.post(std::move(job))
+                                  : ordered_.post(std::move(job));
         if (!posted)
-            fail(done, boost::copy_exception(
-                           DeliveryError("exchange '" + name_ + "' was stopped")));
+            fail(done,
+                 boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
     }
 
     void sendRemote(boost::shared_ptr<Message const> const& message, Address const& address,
@@ -268,8 +268,8 @@ private:
         if (done) {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopped_) {
-                fail(done, boost::copy_exception(
-                               DeliveryError("exchange '" + name_ + "' was stopped")));
+                fail(done,
+                     boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
                 return;
             }
             frame.correlation = nextCorrelation_++;
@@ -410,7 +410,8 @@ boost::shared_ptr<ExchangeApi> ExchangeApi::instance() {
 void ExchangeApi::configure(ExchangeConfig const& config) {
     std::lock_guard<std::mutex> lock(instanceMutex);
     if (processExchange)
-        throw std::logic_error("the process's exchange exists already; configure it before first use");
+        throw std::logic_error(
+            "the process's exchange exists already; configure it before first use");
     processConfig = config;
 }
 
@@ -446,14 +447,14 @@ ExchangeApi::submitWithReply(boost::shared_ptr<Message const> const& message,
                              Address const& address) {
     auto promise = std::make_shared<boost::promise<boost::shared_ptr<Reply const>>>();
     auto future = promise->get_future();
-    impl_->submit(message, address,
-                  [promise](boost::shared_ptr<Reply const> const& reply,
-                            boost::exception_ptr const& error) {
-                      if (error)
-                          promise->set_exception(error);
-                      else
-                          promise->set_value(reply);
-                  });
+    impl_->submit(
+        message, address,
+        [promise](boost::shared_ptr<Reply const> const& reply, boost::exception_ptr const& error) {
+            if (error)
+                promise->set_exception(error);
+            else
+                promise->set_value(reply);
+        });
     return future;
 }
 

@@ -51,8 +51,7 @@ struct IDTypeHash {
 ZN_SERIALIZATION_TRAITS(foundation::msg_svc::exchange::IDType, 1)
 
 namespace std {
-template <>
-struct hash<foundation::msg_svc::exchange::IDType> {
+template <> struct hash<foundation::msg_svc::exchange::IDType> {
     std::size_t operator()(foundation::msg_svc::exchange::IDType const& id) const {
         return id.hash();
     }

@@ -44,8 +44,7 @@ private:
 
 // Polls `ready` briefly (yielding the core) before a consumer goes to sleep, so that a producer
 // sending in bursts finds the consumer awake instead of paying a wake-up per item.
-template <class Ready>
-bool spinBriefly(Ready ready) {
+template <class Ready> bool spinBriefly(Ready ready) {
     for (int i = 0; i < 64; ++i) {
         if (ready())
             return true;

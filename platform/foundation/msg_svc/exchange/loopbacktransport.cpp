@@ -55,7 +55,8 @@ public:
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!sinks_.count(to))
-                boost::throw_exception(DeliveryError("no exchange named '" + to + "' in this process"));
+                boost::throw_exception(
+                    DeliveryError("no exchange named '" + to + "' in this process"));
         }
         lane_.post([this, from, to, frame] {
             if (!call(to, [&](TransportSink& s) { s.receiveFrame(from, frame); })) {
@@ -67,8 +68,7 @@ public:
     }
 
 private:
-    template <class F>
-    bool call(std::string const& name, F f) {
+    template <class F> bool call(std::string const& name, F f) {
         std::lock_guard<std::mutex> calling(callMutex_);
         TransportSink* sink;
         {

@@ -23,10 +23,9 @@ namespace {
 // A process-specific, never-zero origin, so that ids made in different processes differ.
 int makeOrigin() {
     std::random_device rd;
-    std::uint64_t mix = (static_cast<std::uint64_t>(rd()) << 32) ^ rd() ^
-                        static_cast<std::uint64_t>(::getpid()) ^
-                        static_cast<std::uint64_t>(
-                            std::chrono::steady_clock::now().time_since_epoch().count());
+    std::uint64_t mix =
+        (static_cast<std::uint64_t>(rd()) << 32) ^ rd() ^ static_cast<std::uint64_t>(::getpid()) ^
+        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
     int origin = static_cast<int>(mix & 0x7FFFFFFF);
     return origin == 0 ? 1 : origin;
 }
@@ -40,8 +39,7 @@ std::string IDType::toString() const {
     return std::to_string(origin_) + ":" + std::to_string(serial_);
 }
 
-template <class Archive>
-void IDType::serializeExplicit(Archive& ar, unsigned int) {
+template <class Archive> void IDType::serializeExplicit(Archive& ar, unsigned int) {
     ar& boost::serialization::make_nvp("origin", origin_);
     ar& boost::serialization::make_nvp("serial", serial_);
 }
@@ -79,8 +77,7 @@ std::ostream& operator<<(std::ostream& os, Message const& message) {
     return message.toString(os, 0);
 }
 
-template <class Archive>
-void Message::serializeExplicit(Archive&, unsigned int) {}
+template <class Archive> void Message::serializeExplicit(Archive&, unsigned int) {}
 ZN_SERIALIZE_EXPLICIT(Message)
 
 Reply::~Reply() = default;
@@ -102,8 +99,7 @@ bool Reply::protectedEquals(Reply const&) const {
     return true;
 }
 
-template <class Archive>
-void Reply::serializeExplicit(Archive&, unsigned int) {}
+template <class Archive> void Reply::serializeExplicit(Archive&, unsigned int) {}
 ZN_SERIALIZE_EXPLICIT(Reply)
 
 } // namespace exchange

@@ -39,4 +39,5 @@ private:
 } // namespace foundation
 
 ZN_SERIALIZATION_TRAITS(foundation::msg_svc::exchange::Reply, 1)
-BOOST_CLASS_EXPORT_KEY2(foundation::msg_svc::exchange::Reply, "foundation::msg_svc::exchange::Reply")
+BOOST_CLASS_EXPORT_KEY2(foundation::msg_svc::exchange::Reply,
+                        "foundation::msg_svc::exchange::Reply")

@@ -51,8 +51,7 @@ struct Reader {
     }
 };
 
-template <class T>
-std::string encodeObject(T const& object) {
+template <class T> std::string encodeObject(T const& object) {
     std::ostringstream os(std::ios::binary);
     {
         boost::archive::polymorphic_binary_oarchive oa(os);
@@ -62,8 +61,7 @@ std::string encodeObject(T const& object) {
     return os.str();
 }
 
-template <class T>
-boost::shared_ptr<T const> decodeObject(std::string const& bytes) {
+template <class T> boost::shared_ptr<T const> decodeObject(std::string const& bytes) {
     boost::iostreams::stream<boost::iostreams::array_source> is(bytes.data(), bytes.size());
     boost::archive::polymorphic_binary_iarchive ia(is);
     T* p = nullptr;

@@ -19,7 +19,7 @@
 
 #define ZN_SERIALIZE_EXPLICIT_ONE(Class, Archive)                                                  \
     template void Class::serializeExplicit<boost::archive::Archive>(boost::archive::Archive&,      \
-                                                                     unsigned int);
+                                                                    unsigned int);
 
 #define ZN_SERIALIZE_EXPLICIT(Class)                                                               \
     ZN_SERIALIZE_EXPLICIT_ONE(Class, binary_oarchive)                                              \

@@ -14,12 +14,10 @@
 
 #define ZN_SERIALIZABLE()                                                                          \
     friend class boost::serialization::access;                                                     \
-    template <class Archive>                                                                       \
-    void serialize(Archive& ar, unsigned int version) {                                            \
+    template <class Archive> void serialize(Archive& ar, unsigned int version) {                   \
         serializeExplicit(ar, version);                                                            \
     }                                                                                              \
-    template <class Archive>                                                                       \
-    void serializeExplicit(Archive& ar, unsigned int version);
+    template <class Archive> void serializeExplicit(Archive& ar, unsigned int version);
 
 #define ZN_SERIALIZATION_TRAITS(Class, Version)                                                    \
     BOOST_CLASS_VERSION(Class, Version)                                                            \

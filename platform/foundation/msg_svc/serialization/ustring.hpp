@@ -19,8 +19,7 @@ void save(Archive& ar, std::basic_string<char16_t> const& text, unsigned int) {
     ar << boost::serialization::make_nvp(static_cast<char const*>(nullptr), wide);
 }
 
-template <class Archive>
-void load(Archive& ar, std::basic_string<char16_t>& text, unsigned int) {
+template <class Archive> void load(Archive& ar, std::basic_string<char16_t>& text, unsigned int) {
     std::wstring wide;
     ar >> boost::serialization::make_nvp(static_cast<char const*>(nullptr), wide);
     text = fl::i18n::to_ustring(wide);

@@ -13,7 +13,9 @@ std::atomic<bool> exitStarted{false};
 
 // Registered at load; this library is never unloaded, so the handler runs at exit only.
 struct ExitWatch {
-    ExitWatch() { std::atexit([] { exitStarted.store(true); }); }
+    ExitWatch() {
+        std::atexit([] { exitStarted.store(true); });
+    }
 } const exitWatch;
 } // namespace
 

@@ -13,8 +13,7 @@ namespace foundation {
 namespace msg_svc {
 namespace threadutil {
 
-template <class K, class V>
-class ConcurrentMap {
+template <class K, class V> class ConcurrentMap {
 public:
     typedef K key_type;
     typedef V mapped_type;
@@ -29,7 +28,8 @@ public:
     // Throws std::logic_error "neither inserted nor found?" if the map is inconsistent.
     virtual V getOrCreate(K const& key, boost::function<V()> const& create) = 0;
     virtual void forEach(boost::function<void(std::pair<K const, V>&)> const& visit) = 0;
-    virtual void forEach(boost::function<void(std::pair<K const, V> const&)> const& visit) const = 0;
+    virtual void
+    forEach(boost::function<void(std::pair<K const, V> const&)> const& visit) const = 0;
     // False when the key exists; the old value stays.
     virtual bool insert(std::pair<K, V> const& entry) = 0;
     virtual std::size_t size() const = 0;

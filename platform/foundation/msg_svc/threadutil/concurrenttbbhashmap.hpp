@@ -16,8 +16,7 @@ namespace foundation {
 namespace msg_svc {
 namespace threadutil {
 
-template <class Map>
-class ConcurrentTBBHashMap;
+template <class Map> class ConcurrentTBBHashMap;
 
 template <class K, class V>
 class ConcurrentTBBHashMap<ConcurrentMap<K, V>> : public ConcurrentMap<K, V> {

@@ -35,9 +35,9 @@ public:
     void reacquire(unsigned depth);
 
 private:
-    mutable std::mutex mutex_;   // guards owner_ and depth_
+    mutable std::mutex mutex_; // guards owner_ and depth_
     std::condition_variable free_;
-    std::thread::id owner_;      // meaningful while depth_ > 0
+    std::thread::id owner_; // meaningful while depth_ > 0
     unsigned depth_ = 0;
     std::atomic<bool> locked_{false};
 };

@@ -95,8 +95,9 @@ TEST(ConcurrentTBBHashMap, KeyAndTableOperations) {
     EXPECT_EQ(created.load(), 200);
     EXPECT_EQ(map.size(), 200u);
     // A throwing creation leaves no entry.
-    EXPECT_THROW(map.getOrCreate(-1, []() -> std::shared_ptr<int> { throw std::runtime_error("x"); }),
-                 std::runtime_error);
+    EXPECT_THROW(
+        map.getOrCreate(-1, []() -> std::shared_ptr<int> { throw std::runtime_error("x"); }),
+        std::runtime_error);
     EXPECT_FALSE(map.find(-1));
 
     long sum = 0;
