@@ -10,6 +10,7 @@
 #include <boost/thread/shared_mutex.hpp>
 #include <tbb/concurrent_hash_map.h>
 
+#include <memory>
 #include <stdexcept>
 
 namespace foundation {
@@ -24,7 +25,10 @@ class ConcurrentTBBHashMap<ConcurrentMap<K, V>> : public ConcurrentMap<K, V> {
         static std::size_t hash(K const& k) { return std::hash<K>()(k); }
         static bool equal(K const& a, K const& b) { return a == b; }
     };
-    typedef tbb::concurrent_hash_map<K, V, HashCompare> Table;
+    // Nodes come from the standard allocator: the process's malloc, which sanitizers see, rather
+    // than TBB's own pool.
+    typedef tbb::concurrent_hash_map<K, V, HashCompare, std::allocator<std::pair<K const, V>>>
+        Table;
 
 public:
     explicit ConcurrentTBBHashMap(std::size_t buckets = 0) : table_(buckets) {}
