@@ -4,6 +4,7 @@
 // std::promise. Latency (one request at a time), throughput (batches), and the cost per request
 // with 10 and with 100,000 requests in flight.
 #include <bench/support/latch.hpp>
+#include <bench/support/plainworker.hpp>
 #include <host/host.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
@@ -22,47 +23,7 @@
 
 namespace {
 
-// A thread fed through a deque under a mutex and condition variable.
-class PlainWorker {
-public:
-    PlainWorker() : thread_([this] { run(); }) {}
-    ~PlainWorker() {
-        {
-            std::lock_guard<std::mutex> l(m_);
-            stop_ = true;
-        }
-        cv_.notify_one();
-        thread_.join();
-    }
-    void post(std::function<void()> job) {
-        {
-            std::lock_guard<std::mutex> l(m_);
-            q_.push_back(std::move(job));
-        }
-        cv_.notify_one();
-    }
-
-private:
-    void run() {
-        for (;;) {
-            std::function<void()> job;
-            {
-                std::unique_lock<std::mutex> l(m_);
-                cv_.wait(l, [this] { return stop_ || !q_.empty(); });
-                if (stop_ && q_.empty())
-                    return;
-                job = std::move(q_.front());
-                q_.pop_front();
-            }
-            job();
-        }
-    }
-    std::mutex m_;
-    std::condition_variable cv_;
-    std::deque<std::function<void()>> q_;
-    bool stop_ = false;
-    std::thread thread_;
-};
+using quorl_bench::PlainWorker;
 
 struct Road {
     Road() {
