@@ -92,6 +92,16 @@ void Interpreter::threadMain(std::promise<void>& ready) {
     for (;;) {
         QueuedPacket packet;
         auto execution = std::shared_ptr<PacketExecution>();
+        // Poll briefly before sleeping: a client sending in bursts then finds the interpreter
+        // awake instead of paying a wake-up per packet.
+        for (int spin = 0; spin < 64; ++spin) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (stopping_ || !queue_.empty())
+                    break;
+            }
+            std::this_thread::yield();
+        }
         {
             std::unique_lock<std::mutex> lock(mutex_);
             wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
