@@ -82,11 +82,12 @@ struct Registry {
         core->add_sink(console);
     }
 
-    void applyEnvironment(std::string const& spec) {
+    void applyEnvironment(std::string const& settings) {
         std::size_t pos = 0;
-        while (pos <= spec.size()) {
-            std::size_t comma = spec.find(',', pos);
-            std::string item = spec.substr(pos, comma == std::string::npos ? comma : comma - pos);
+        while (pos <= settings.size()) {
+            std::size_t comma = settings.find(',', pos);
+            std::string item =
+                settings.substr(pos, comma == std::string::npos ? comma : comma - pos);
             std::size_t eq = item.find('=');
             if (eq != std::string::npos) {
                 std::string name = item.substr(0, eq);
