@@ -1,14 +1,13 @@
 // Writes an IIPEnqueueMessage archive of version 2 (an "isMtFEval" flag, no id, no future flag,
 // no dequeue mode) with classes laid out as that version was, under the same export key. The
 // packet is null.
-#include <boost/archive/text_oarchive.hpp>
-#include <boost/archive/xml_oarchive.hpp>
+#include <tests/golden/goldenwriter.hpp>
+
 #include <boost/serialization/base_object.hpp>
 #include <boost/serialization/export.hpp>
 #include <boost/serialization/nvp.hpp>
 #include <boost/serialization/optional.hpp>
 
-#include <fstream>
 #include <iostream>
 #include <string>
 
@@ -64,18 +63,9 @@ BOOST_CLASS_EXPORT_GUID(old::Enqueue<2>, "cmddistributor::IIPEnqueueMessage")
 
 namespace {
 template <class T>
-void writeBoth(std::string const& dir, std::string const& stem, T const& message) {
-    old::Message const* p = &message;
-    {
-        std::ofstream os(dir + "/" + stem + ".txt");
-        boost::archive::text_oarchive ar(os);
-        ar << make_nvp("object", p);
-    }
-    {
-        std::ofstream os(dir + "/" + stem + ".xml");
-        boost::archive::xml_oarchive ar(os);
-        ar << make_nvp("object", p);
-    }
+void writeBoth(std::string const& dir, std::string const& stem, T const& object) {
+    quorl_golden::writeArchives(dir + "/" + stem, "object",
+                                static_cast<old::Message const*>(&object), false);
 }
 } // namespace
 

@@ -8,39 +8,17 @@
 
 #include <foundation/usm/context.hpp>
 
-#include <fstream>
-#include <iostream>
-
-namespace {
+#include <tests/golden/goldenwriter.hpp>
 
 using foundation::msg_svc::eventmgr::BaseEvent;
 
-template <class Archive>
-void writeTo(std::string const& path, std::ios::openmode mode, BaseEvent const* event) {
-    std::ofstream os(path, mode);
-    Archive a(os);
-    a << boost::serialization::make_nvp("event", event);
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const base = std::string(argv[1]) + "/sinktextevent_v1";
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         foundation::usm::ContextScope scope(foundation::usm::Context::create("golden"));
         cmddistributor::RequestIdAdapter::setRequestId(
             foundation::msg_svc::exchange::IDType(7654321, 9));
         quorl::io::SinkTextEvent event(quorl::io::ErrorStream, u"Error: x is undefined.\n");
-        writeTo<boost::archive::text_oarchive>(base + ".txt", std::ios::out, &event);
-        writeTo<boost::archive::xml_oarchive>(base + ".xml", std::ios::out, &event);
-        writeTo<boost::archive::binary_oarchive>(base + ".bin", std::ios::binary, &event);
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+        quorl_golden::writeArchives(folder + "/sinktextevent_v1", "event",
+                                    static_cast<BaseEvent const*>(&event));
+    });
 }

@@ -1,15 +1,14 @@
 // Writes archives of the old forms of the state and completion events with classes laid out as
 // those versions were, registered under the same export keys: IIPStateEvent version 0 (no id)
 // and IIPCompletedEvent version 1 (a status instead of the exception).
-#include <boost/archive/text_oarchive.hpp>
-#include <boost/archive/xml_oarchive.hpp>
+#include <tests/golden/goldenwriter.hpp>
+
 #include <boost/serialization/base_object.hpp>
 #include <boost/serialization/export.hpp>
 #include <boost/serialization/nvp.hpp>
 #include <boost/serialization/string.hpp>
 #include <boost/serialization/vector.hpp>
 
-#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -88,18 +87,10 @@ BOOST_CLASS_EXPORT_GUID(old::CompletedBase, "cmddistributor::BaseCompletedEventT
 BOOST_CLASS_EXPORT_GUID(old::CompletedV1, "cmddistributor::IIPCompletedEvent")
 
 namespace {
-template <class T> void writeBoth(std::string const& dir, std::string const& stem, T const& event) {
-    old::BaseEvent const* p = &event;
-    {
-        std::ofstream os(dir + "/" + stem + ".txt");
-        boost::archive::text_oarchive ar(os);
-        ar << make_nvp("object", p);
-    }
-    {
-        std::ofstream os(dir + "/" + stem + ".xml");
-        boost::archive::xml_oarchive ar(os);
-        ar << make_nvp("object", p);
-    }
+template <class T>
+void writeBoth(std::string const& dir, std::string const& stem, T const& object) {
+    quorl_golden::writeArchives(dir + "/" + stem, "object",
+                                static_cast<old::BaseEvent const*>(&object), false);
 }
 } // namespace
 

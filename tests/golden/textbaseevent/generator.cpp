@@ -8,41 +8,19 @@
 
 #include <foundation/usm/context.hpp>
 
-#include <fstream>
-#include <iostream>
-
-namespace {
+#include <tests/golden/goldenwriter.hpp>
 
 using foundation::msg_svc::eventmgr::BaseEvent;
 
-template <class Archive>
-void writeTo(std::string const& path, std::ios::openmode mode, BaseEvent const* event) {
-    std::ofstream os(path, mode);
-    Archive a(os);
-    a << boost::serialization::make_nvp("event", event);
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const base = std::string(argv[1]) + "/textbaseevent_v1";
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         foundation::usm::ContextScope scope(foundation::usm::Context::create("golden"));
         cmddistributor::RequestIdAdapter::setRequestId(
             foundation::msg_svc::exchange::IDType(1234567, 42));
         quorl::io::TextBaseEvent event(quorl::io::OutputStream,
                                        u"caf\u00e9 \U0001F600 <b>&amp;\"\n");
         event.addTag(u"golden");
-        writeTo<boost::archive::text_oarchive>(base + ".txt", std::ios::out, &event);
-        writeTo<boost::archive::xml_oarchive>(base + ".xml", std::ios::out, &event);
-        writeTo<boost::archive::binary_oarchive>(base + ".bin", std::ios::binary, &event);
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+        quorl_golden::writeArchives(folder + "/textbaseevent_v1", "event",
+                                    static_cast<BaseEvent const*>(&event));
+    });
 }
