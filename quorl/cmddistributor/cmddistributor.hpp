@@ -63,6 +63,10 @@ public:
                 promise_->waitTillReady();
         }
         PromiseDelegate* getPromise() const { return promise_.get(); }
+        // See PromiseDelegate::readyHandle; invalid without a promise.
+        std::shared_future<void> readyHandle() const {
+            return promise_ ? promise_->readyHandle() : std::shared_future<void>();
+        }
 
         void setValue(IIPCompletedEvent const& event);
         void setException(boost::exception_ptr const& exception);

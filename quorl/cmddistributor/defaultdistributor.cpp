@@ -56,9 +56,14 @@ public:
             throw WrongThreadException();
         }
         if (fenn_mutex_is_acquired()) {
-            if (auto record = tracking_.lock()) {
+            // Wait on the delegate's own handle, not on the record: holding the record here
+            // would keep a request that a shutdown drops from ever being released.
+            std::shared_future<void> ready;
+            if (auto record = tracking_.lock())
+                ready = record->readyHandle();
+            if (ready.valid()) {
                 ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
-                record->waitTillReady();
+                ready.wait();
             }
         }
     }

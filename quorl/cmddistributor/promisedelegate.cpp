@@ -34,14 +34,19 @@ void PromiseDelegate::tryRunTask() {
         task->task();
 }
 
-void PromiseDelegate::waitTillReady() const {
+std::shared_future<void> PromiseDelegate::readyHandle() const {
     // Publishes this thread's use of the object to a destructor that may release it.
     currentTask_.fetch_add(0, std::memory_order_release);
     ReadyTask* task = getCurrentTask();
     if (task == finishedMark())
-        return;
-    std::shared_future<Marker> future = task->future; // keeps the state alive past the task
-    future.wait();
+        return std::shared_future<void>();
+    return task->future; // shares the state, which outlives the task
+}
+
+void PromiseDelegate::waitTillReady() const {
+    std::shared_future<void> handle = readyHandle();
+    if (handle.valid())
+        handle.wait();
 }
 
 bool PromiseDelegate::isPromiseDone() const {

@@ -36,6 +36,10 @@ public:
     virtual void setWaitCallback(boost::function<void()> const& callback) = 0;
     // Blocks until the delegate has been finished (or destroyed).
     virtual void waitTillReady() const;
+    // A handle that becomes ready when the delegate is finished or destroyed, and that may be
+    // waited on after the delegate is gone; invalid when the delegate is finished already.
+    // Waiting on it is waitTillReady without keeping the delegate (or its owner) alive.
+    std::shared_future<void> readyHandle() const;
     // True when finished. May create the rendezvous task.
     virtual bool isPromiseDone() const;
 
@@ -46,11 +50,10 @@ protected:
     void acquireWaiters() const { (void)currentTask_.load(std::memory_order_acquire); }
 
 private:
-    struct Marker {};
     struct ReadyTask {
-        ReadyTask() : task([] { return Marker(); }), future(task.get_future().share()) {}
-        std::packaged_task<Marker()> task;
-        std::shared_future<Marker> future;
+        ReadyTask() : task([] {}), future(task.get_future().share()) {}
+        std::packaged_task<void()> task;
+        std::shared_future<void> future;
     };
     static ReadyTask* finishedMark() { return reinterpret_cast<ReadyTask*>(~std::uintptr_t(0)); }
     ReadyTask* getCurrentTask() const;
