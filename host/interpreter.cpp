@@ -9,6 +9,8 @@
 
 #include <foundation/core/log/diagnosticlogger.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
@@ -109,8 +111,8 @@ void Interpreter::threadMain(std::promise<void>& ready) {
                 break;
             packet = std::move(queue_.front());
             queue_.pop_front();
-            execution = std::make_shared<PacketExecution>(packet.id, packet.iip, fennID_,
-                                                          managerOf(packet));
+            execution = foundation::core::memory::makePooledShared<PacketExecution>(
+                packet.id, packet.iip, fennID_, managerOf(packet));
             running_.emplace_back(packet.id, execution);
         }
         runPacket(packet, execution);
@@ -219,13 +221,16 @@ boost::shared_ptr<EventMgr> Interpreter::managerOf(QueuedPacket const& packet) c
 }
 
 void Interpreter::rememberEnded(IDType const& id) {
-    if (!ended_.insert(id).second)
+    if (ended_.size() < kEndedMemory) {
+        ended_.push_back(id);
         return;
-    endedOrder_.push_back(id);
-    if (endedOrder_.size() > kEndedMemory) {
-        ended_.erase(endedOrder_.front());
-        endedOrder_.pop_front();
     }
+    ended_[endedNext_] = id;
+    endedNext_ = (endedNext_ + 1) % kEndedMemory;
+}
+
+bool Interpreter::hasEnded(IDType const& id) const {
+    return std::find(ended_.begin(), ended_.end(), id) != ended_.end();
 }
 
 void Interpreter::enqueue(QueuedPacket packet) {
@@ -256,7 +261,7 @@ Interpreter::CancelOutcome Interpreter::cancel(IDType const& id, bool interrupt)
                     return Cancelled;
                 }
             }
-            return ended_.count(id) ? NotCancelled : NotFound;
+            return hasEnded(id) ? NotCancelled : NotFound;
         }
         removed = std::move(*queued);
         queue_.erase(queued);
@@ -283,8 +288,8 @@ Interpreter::RunNowOutcome Interpreter::runNow(IDType const& id) {
         }
         packet = std::move(*queued);
         queue_.erase(queued);
-        execution =
-            std::make_shared<PacketExecution>(packet.id, packet.iip, fennID_, managerOf(packet));
+        execution = foundation::core::memory::makePooledShared<PacketExecution>(
+            packet.id, packet.iip, fennID_, managerOf(packet));
         running_.emplace_back(packet.id, execution);
     }
     runPacket(packet, execution);

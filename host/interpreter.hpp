@@ -33,7 +33,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 namespace quorl {
@@ -105,7 +104,8 @@ private:
     void discard(QueuedPacket const& packet);
     boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr>
     managerOf(QueuedPacket const& packet) const;
-    void rememberEnded(foundation::msg_svc::exchange::IDType const& id); // with mutex_ held
+    void rememberEnded(foundation::msg_svc::exchange::IDType const& id);  // with mutex_ held
+    bool hasEnded(foundation::msg_svc::exchange::IDType const& id) const; // with mutex_ held
 
     contextmgr::FennID const fennID_;
     contextmgr::TarnID const tarnID_;
@@ -113,7 +113,7 @@ private:
     std::shared_ptr<foundation::usm::Context> context_;
     boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> eventMgr_;
 
-    mutable std::mutex mutex_; // guards the fields down to endedOrder_
+    mutable std::mutex mutex_; // guards the fields down to endedNext_
     std::condition_variable wake_;
     std::deque<QueuedPacket> queue_;
     // The packets running on the thread, innermost (run-now) last.
@@ -121,8 +121,10 @@ private:
         running_;
     bool stopping_ = false;
     // Ids of packets that ran or were discarded, the most recent ones only.
-    std::unordered_set<foundation::msg_svc::exchange::IDType> ended_;
-    std::deque<foundation::msg_svc::exchange::IDType> endedOrder_;
+    // The latest ended packets, oldest overwritten first. Remembering is the common case (every
+    // packet) and must not allocate; looking up happens only for a cancel, so a scan will do.
+    std::vector<foundation::msg_svc::exchange::IDType> ended_;
+    std::size_t endedNext_ = 0;
 
     std::mutex stopMutex_; // serializes stop()
     std::thread thread_;

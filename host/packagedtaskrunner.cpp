@@ -4,6 +4,8 @@
 #include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
 #include <quorl/cmddistributor/packagedtaskiip.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/make_shared.hpp>
 #include <boost/ref.hpp>
 
@@ -20,7 +22,8 @@ boost::shared_ptr<IIPCompletedEvent> PackagedTaskRunner::run(PacketExecution& ex
     if (!task)
         throw std::invalid_argument("not a packaged task.");
     boost::any result = task->getFunction()();
-    return boost::make_shared<PackagedTaskCompletedEvent>(execution.getId(), boost::ref(result));
+    return foundation::core::memory::makePooledBoostShared<PackagedTaskCompletedEvent>(
+        execution.getId(), boost::ref(result));
 }
 
 boost::shared_ptr<IIPCompletedEvent>

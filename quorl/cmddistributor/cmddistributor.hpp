@@ -15,6 +15,7 @@
 #include <quorl/contextmgr/fennid.hpp>
 #include <quorl/contextmgr/tarnid.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
 #include <foundation/msg_svc/eventmgr/eventmgr.hpp>
 #include <foundation/msg_svc/exchange/idtype.hpp>
 
@@ -45,7 +46,8 @@ public:
     };
     typedef std::unique_ptr<RequestTracking, RequestTrackingDeleter> RequestTrackingPtr;
 
-    class RequestTracking {
+    // Made on a client thread and usually freed on another: taken from the pool.
+    class RequestTracking : public foundation::core::memory::PoolAllocated {
     public:
         RequestTracking(boost::shared_ptr<CmdRequest> request,
                         std::unique_ptr<PromiseDelegate>&& promise, bool trustsContinuation,

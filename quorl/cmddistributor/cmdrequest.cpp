@@ -11,12 +11,12 @@ CmdRequest::CmdRequest(IqmStreamID streamID, boost::shared_ptr<quorl::io::Veldra
     : outputSink_(out ? out
                       : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::OutputStream)),
       errorSink_(err ? err : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::ErrorStream)),
-      streamID_(streamID), iipMutex_(new boost::shared_mutex) {}
+      streamID_(streamID) {}
 
 CmdRequest::~CmdRequest() = default;
 
 boost::shared_ptr<IIP> const& CmdRequest::getIIP() const {
-    boost::upgrade_lock<boost::shared_mutex> lock(*iipMutex_);
+    boost::upgrade_lock<boost::shared_mutex> lock(iipMutex_);
     if (!iip_) {
         boost::upgrade_to_unique_lock<boost::shared_mutex> exclusive(lock);
         if (!iip_)

@@ -39,7 +39,7 @@ private:
     boost::shared_ptr<quorl::io::VeldraSink> outputSink_;
     boost::shared_ptr<quorl::io::VeldraSink> errorSink_;
     IqmStreamID streamID_;
-    std::unique_ptr<boost::shared_mutex> iipMutex_;
+    mutable boost::shared_mutex iipMutex_;
 };
 
 template <class R> struct CmdRequestTraits;

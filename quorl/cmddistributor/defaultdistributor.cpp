@@ -17,6 +17,8 @@
 #include <foundation/msg_svc/threadutil/concurrenttbbhashmap.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/make_shared.hpp>
 
 namespace cmddistributor {
@@ -31,6 +33,9 @@ using foundation::msg_svc::threadutil::ReleaseCountedMutexGuard;
 using quorl::contextmgr::FennID;
 using quorl::contextmgr::TarnID;
 namespace log = foundation::core::log;
+using foundation::core::memory::makePooledBoostShared;
+using foundation::core::memory::makePooledShared;
+using foundation::core::memory::PoolAllocator;
 
 namespace {
 
@@ -110,9 +115,10 @@ private:
     IDType requestID_;
 };
 
-// boost::function copies its target: keep the checker's virtual dispatch through a pointer.
-template <class Checker> boost::function<void()> asCallback(std::shared_ptr<Checker> checker) {
-    return [checker]() { (*checker)(); };
+// boost::function copies its target: keep the checker's virtual dispatch through a pointer, which
+// also keeps the callback small enough for boost::function's inline buffer.
+template <class Checker> boost::function<void()> asCallback(std::shared_ptr<Checker>&& checker) {
+    return [c = std::move(checker)]() { (*c)(); };
 }
 
 // ---- Process-wide registries of distributors.
@@ -222,6 +228,17 @@ void DefaultDistributor::subscribe() {
             boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
         if (!eventMgr_)
             throw std::logic_error("DefaultDistributor: no event manager");
+        // Each handler holds only the weak pointer, so copying them into a packet allocates
+        // nothing.
+        bypass_ = IIP::EventMgrBypass(
+            [weak](IIPCompletedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->completed(e);
+            },
+            [weak](IIPDiscardedEvent const& e) {
+                if (auto self = weak.lock())
+                    self->cancelled(e.getIdOfChangedIIP());
+            });
         sinkConnection_.assign(eventMgr_->subscribe<IIPSinkEvent>([weak](IIPSinkEvent const& e) {
             if (auto self = weak.lock())
                 self->sinkEvent(e);
@@ -268,25 +285,15 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     boost::shared_ptr<IIP> const iip = record->getRequest()->getIIP();
 
     if (isLocal_ && record->hasPromise() && (bypassGuard == 0 || !record->hasContinuation()) &&
-        !*iip->getEventMgrBypass()) {
-        boost::weak_ptr<DefaultDistributor> weak =
-            boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
-        iip->setEventMgrBypass(IIP::EventMgrBypass(
-            [weak](IIPCompletedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->completed(e);
-            },
-            [weak](IIPDiscardedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->cancelled(e.getIdOfChangedIIP());
-            }));
-    }
+        !*iip->getEventMgrBypass())
+        iip->setEventMgrBypass(bypass_);
 
-    std::shared_ptr<RequestTracking> shared(record.release(), RequestTrackingDeleter());
+    std::shared_ptr<RequestTracking> shared(record.release(), RequestTrackingDeleter(),
+                                            PoolAllocator<RequestTracking>());
 
     if (shared->hasPromise() && shared->needsDeadlockChecking()) {
-        shared->getPromise()->setWaitCallback(asCallback(std::make_shared<RequestDeadlockChecker>(
-            address_, id, eventMgr_, std::weak_ptr<RequestTracking>(shared), isLocal_, fennID_)));
+        shared->getPromise()->setWaitCallback(asCallback(makePooledShared<RequestDeadlockChecker>(
+            address_, id, eventMgr_, shared, isLocal_, fennID_)));
     }
     bool const hasFuture = shared->hasPromise();
 
@@ -296,7 +303,7 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     }
 
     try {
-        ExchangeApi::instance()->submit(boost::make_shared<IIPEnqueueMessage>(
+        ExchangeApi::instance()->submit(makePooledBoostShared<IIPEnqueueMessage>(
                                             iip, id, fennID_, tarnID_, eventMgr_, when, hasFuture),
                                         address_);
     } catch (...) {

@@ -78,6 +78,7 @@ private:
     foundation::core::log::diagnostic_logger log_;
     bool clearOnDestruction_;
     std::once_flag subscribeOnce_;
+    IIP::EventMgrBypass bypass_; // made once in subscribe(); copied into each local packet
     foundation::msg_svc::eventmgr::ScopedConnection sinkConnection_;
     foundation::msg_svc::eventmgr::ScopedConnection completedConnection_;
     foundation::msg_svc::eventmgr::ScopedConnection discardedConnection_;

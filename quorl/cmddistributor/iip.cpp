@@ -3,29 +3,35 @@
 #include <quorl/cmddistributor/iip.hpp>
 
 #include <boost/archive/archive_exception.hpp>
-#include <boost/make_shared.hpp>
+#include <foundation/core/memory/poolallocator.hpp>
 
 #include <sstream>
 
 namespace cmddistributor {
+
+namespace {
+boost::shared_ptr<IIP::EventMgrBypass> newBypass() {
+    return foundation::core::memory::makePooledBoostShared<IIP::EventMgrBypass>();
+}
+} // namespace
 
 using quorl::io::SinkTraits;
 using quorl::io::VeldraSink;
 
 IIP::IIP()
     : streamID_(UnsetIqmStreamID), outTraits_(SinkTraits(boost::shared_ptr<VeldraSink>())),
-      errTraits_(SinkTraits(boost::shared_ptr<VeldraSink>())),
-      eventMgrBypass_(boost::make_shared<EventMgrBypass>()), wasSerializedFlag_(false) {}
+      errTraits_(SinkTraits(boost::shared_ptr<VeldraSink>())), eventMgrBypass_(newBypass()),
+      wasSerializedFlag_(false) {}
 
 IIP::IIP(std::string const& pluginType, IqmStreamID streamID,
          boost::shared_ptr<VeldraSink> const& out, boost::shared_ptr<VeldraSink> const& err)
     : streamID_(streamID), pluginType_(pluginType), outSink_(out), errSink_(err),
-      eventMgrBypass_(boost::make_shared<EventMgrBypass>()), wasSerializedFlag_(false) {}
+      eventMgrBypass_(newBypass()), wasSerializedFlag_(false) {}
 
 IIP::IIP(std::string const& pluginType, IqmStreamID streamID, SinkTraits const& out,
          SinkTraits const& err)
     : streamID_(streamID), pluginType_(pluginType), outTraits_(out), errTraits_(err),
-      eventMgrBypass_(boost::make_shared<EventMgrBypass>()), wasSerializedFlag_(false) {}
+      eventMgrBypass_(newBypass()), wasSerializedFlag_(false) {}
 
 IIP::~IIP() = default;
 

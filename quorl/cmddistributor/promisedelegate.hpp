@@ -12,6 +12,8 @@
 // (broken_promise) and releases a thread blocked in waitTillReady. A caller must not destroy
 // the delegate while another thread is about to enter waitTillReady (only one already blocked
 // in it is released safely).
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/function.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/future.hpp>
@@ -19,12 +21,13 @@
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <memory>
 
 namespace cmddistributor {
 
 class IIPCompletedEvent;
 
-class PromiseDelegate {
+class PromiseDelegate : public foundation::core::memory::PoolAllocated {
 public:
     PromiseDelegate() : currentTask_(nullptr) {}
     PromiseDelegate(PromiseDelegate const&) = delete;
@@ -66,49 +69,55 @@ template <class T> class PromiseDelegateT : public PromiseDelegate {
 public:
     typedef T (*ExtractResult)(IIPCompletedEvent const&);
 
-    explicit PromiseDelegateT(ExtractResult const extractResult)
-        : promise_(boost::make_shared<boost::promise<T>>()), extractResult_(extractResult) {}
+    explicit PromiseDelegateT(ExtractResult const extractResult) : extractResult_(extractResult) {}
     ~PromiseDelegateT() override {
         acquireWaiters();
-        promise_.reset();
+        boost::promise<T> broken(std::move(promise_)); // breaks the future before waiters go
     }
 
     // Called once, before the record is enqueued.
-    boost::unique_future<T> getFuture() { return promise_->get_future(); }
+    boost::unique_future<T> getFuture() { return promise_.get_future(); }
 
     void setValue(IIPCompletedEvent const& event) override {
         try {
             setFromEvent(event, std::is_void<T>());
         } catch (...) {
-            promise_->set_exception(boost::current_exception());
+            promise_.set_exception(boost::current_exception());
         }
         tryRunTask();
     }
 
     void setException(boost::exception_ptr const& exception) override {
-        promise_->set_exception(exception);
+        promise_.set_exception(exception);
         tryRunTask();
     }
 
     void setWaitCallback(boost::function<void()> const& callback) override {
-        boost::function<void()> copy = callback;
-        promise_->set_wait_callback(
-            boost::function<void(boost::promise<T>&)>([copy](boost::promise<T>&) { copy(); }));
+        // Boost copies the callback several times while installing it. Behind one shared
+        // holder, each copy fits boost::function's inline buffer and allocates nothing.
+        promise_.set_wait_callback(WaitHook{
+            foundation::core::memory::makePooledShared<boost::function<void()> const>(callback)});
     }
 
 private:
+    struct WaitHook {
+        typedef void result_type; // boost::bind asks for it
+        std::shared_ptr<boost::function<void()> const> callback;
+        void operator()(boost::promise<T>&) const { (*callback)(); }
+    };
+
     void setFromEvent(IIPCompletedEvent const& event, std::true_type) {
         if (extractResult_)
             extractResult_(event);
-        promise_->set_value();
+        promise_.set_value();
     }
     template <class U = T> void setFromEvent(IIPCompletedEvent const& event, std::false_type) {
         if (!extractResult_)
             throw std::logic_error("PromiseDelegateT: no result extraction for a typed result");
-        promise_->set_value(extractResult_(event));
+        promise_.set_value(extractResult_(event));
     }
 
-    boost::shared_ptr<boost::promise<T>> promise_;
+    boost::promise<T> promise_;
     ExtractResult const extractResult_;
 };
 

@@ -4,6 +4,8 @@
 #include <foundation/core/io/streambufadaptor.hpp>
 #include <foundation/usm/detail.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/make_shared.hpp>
 #include <boost/thread/once.hpp>
 
@@ -65,7 +67,7 @@ ActiveCmdWinSinkProxy::ActiveCmdWinSinkProxy(StreamTypeEnum stream) : streamType
 ActiveCmdWinSinkProxy::~ActiveCmdWinSinkProxy() = default;
 
 boost::shared_ptr<ActiveCmdWinSinkProxy> ActiveCmdWinSinkProxy::getInstance(StreamTypeEnum stream) {
-    return boost::make_shared<ActiveCmdWinSinkProxy>(stream);
+    return foundation::core::memory::makePooledBoostShared<ActiveCmdWinSinkProxy>(stream);
 }
 
 boost::shared_ptr<VeldraSink> ActiveCmdWinSinkProxy::getCmdWinSink(StreamTypeEnum stream) {

@@ -55,7 +55,10 @@ public:
     template <class T> static T& findOrFailAs(std::uint64_t slot) {
         return *static_cast<T*>(findOrFail(slot, typeid(T)));
     }
+    // Allocates only when the slot is empty, so repeated reads of a present value are cheap.
     template <class T> static T& findOrInsertValue(std::uint64_t slot, T const& value) {
+        if (void* present = find(slot, typeid(T)))
+            return *static_cast<T*>(present);
         return *static_cast<T*>(findOrInsert(slot, typeid(T), new T(value),
                                              [](void* p) { delete static_cast<T*>(p); }));
     }

@@ -5,6 +5,7 @@
 #include <foundation/msg_svc/exchange/wire.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
+#include <foundation/core/memory/poolallocator.hpp>
 
 #include <boost/make_shared.hpp>
 #include <boost/throw_exception.hpp>
@@ -197,6 +198,40 @@ private:
         Completion done;
     };
 
+    // One message on its way to a local lane. A named class rather than a lambda, so that the
+    // lane's std::function, which keeps it on the heap, takes it from the pool: it is made on the
+    // sending thread and freed on the delivering one.
+    struct LocalDelivery : core::memory::PoolAllocated {
+        boost::shared_ptr<Message const> message;
+        std::string queue;
+        std::string source;
+        Completion done;
+        std::weak_ptr<Actor> actor;
+        bool isActor;
+
+        void operator()() const {
+            boost::shared_ptr<Reply const> reply;
+            boost::exception_ptr error;
+            try {
+                if (isActor) {
+                    auto a = actor.lock();
+                    if (!a)
+                        boost::throw_exception(DeliveryError("actor '" + queue + "' is gone"));
+                    reply = a->dispatch(*message);
+                } else {
+                    reply = message->deliver(Routing(source, queue));
+                }
+            } catch (...) {
+                error = boost::current_exception();
+            }
+            if (done) {
+                done(reply, error);
+            } else if (error) {
+                ZN_LOG(logger(), log::error) << "delivery failed: " << describe(error);
+            }
+        }
+    };
+
     static void fail(Completion const& done, boost::exception_ptr const& e) {
         if (done) {
             done(nullptr, e);
@@ -215,28 +250,7 @@ private:
             if (it != actors_.end())
                 actor = it->second;
         }
-        std::weak_ptr<Actor> weakActor = actor;
-        auto job = [message, queue, source, done, weakActor, isActor = bool(actor)]() {
-            boost::shared_ptr<Reply const> reply;
-            boost::exception_ptr error;
-            try {
-                if (isActor) {
-                    auto a = weakActor.lock();
-                    if (!a)
-                        boost::throw_exception(DeliveryError("actor '" + queue + "' is gone"));
-                    reply = a->dispatch(*message);
-                } else {
-                    reply = message->deliver(Routing(source, queue));
-                }
-            } catch (...) {
-                error = boost::current_exception();
-            }
-            if (done) {
-                done(reply, error);
-            } else if (error) {
-                ZN_LOG(logger(), log::error) << "delivery failed: " << describe(error);
-            }
-        };
+        LocalDelivery job{{}, message, queue, source, done, actor, bool(actor)};
         bool posted = actor       ? actor->lane.post(std::move(job))
                       : unordered ? unordered_.post(std::move(job))
                                   : ordered_.post(std::move(job));

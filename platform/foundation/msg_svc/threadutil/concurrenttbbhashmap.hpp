@@ -6,6 +6,8 @@
 // exclusively. Keys need std::hash and operator==.
 #include <foundation/msg_svc/threadutil/concurrentmap.hpp>
 
+#include <foundation/core/memory/poolallocator.hpp>
+
 #include <boost/thread/locks.hpp>
 #include <boost/thread/shared_mutex.hpp>
 #include <tbb/concurrent_hash_map.h>
@@ -25,9 +27,9 @@ class ConcurrentTBBHashMap<ConcurrentMap<K, V>> : public ConcurrentMap<K, V> {
         static std::size_t hash(K const& k) { return std::hash<K>()(k); }
         static bool equal(K const& a, K const& b) { return a == b; }
     };
-    // Nodes come from the standard allocator: the process's malloc, which sanitizers see, rather
-    // than TBB's own pool.
-    typedef tbb::concurrent_hash_map<K, V, HashCompare, std::allocator<std::pair<K const, V>>>
+    // Nodes come from the pool allocator: inserted on one thread, often erased on another.
+    typedef tbb::concurrent_hash_map<K, V, HashCompare,
+                                     core::memory::PoolAllocator<std::pair<K const, V>>>
         Table;
 
 public:
