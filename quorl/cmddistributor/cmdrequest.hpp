@@ -14,6 +14,7 @@
 #include <boost/core/noncopyable.hpp>
 #include <boost/thread/shared_mutex.hpp>
 
+#include <atomic>
 #include <memory>
 
 namespace cmddistributor {
@@ -40,6 +41,7 @@ private:
     boost::shared_ptr<quorl::io::VeldraSink> errorSink_;
     IqmStreamID streamID_;
     mutable boost::shared_mutex iipMutex_;
+    mutable std::atomic<bool> iipMade_{false}; // set once iip_ is made; then iip_ is fixed
 };
 
 template <class R> struct CmdRequestTraits;
