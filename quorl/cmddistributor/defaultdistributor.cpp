@@ -42,16 +42,14 @@ namespace {
 // ---- Deadlock checkers: wait callbacks that keep a blocked client from stopping the work it
 // waits for (by holding the fenn mutex, or by being the thread that would run the request).
 
-class DeadlockChecker {
+class DeadlockChecker : public SharedWaitCallback::Callable {
 public:
     DeadlockChecker(boost::shared_ptr<EventMgr> eventMgr,
                     std::weak_ptr<CmdDistributor::RequestTracking> tracking, bool checkRunNowThread,
                     FennID fennID)
         : eventMgr_(std::move(eventMgr)), tracking_(std::move(tracking)),
           checkRunNowThread_(checkRunNowThread), fennID_(fennID) {}
-    virtual ~DeadlockChecker() = default;
-
-    void operator()() {
+    void operator()() override {
         if (checkRunNowThread_ && isRunNowThread(fennID_)) {
             if (isDone())
                 return;
@@ -116,9 +114,9 @@ private:
 };
 
 // boost::function copies its target: keep the checker's virtual dispatch through a pointer, which
-// also keeps the callback small enough for boost::function's inline buffer.
+// the promise delegate installs without another copy.
 template <class Checker> boost::function<void()> asCallback(std::shared_ptr<Checker>&& checker) {
-    return [c = std::move(checker)]() { (*c)(); };
+    return SharedWaitCallback(std::move(checker));
 }
 
 // ---- Process-wide registries of distributors.

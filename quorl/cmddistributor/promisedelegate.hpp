@@ -27,6 +27,23 @@ namespace cmddistributor {
 
 class IIPCompletedEvent;
 
+// A wait callback that lives behind a shared pointer. PromiseDelegateT::setWaitCallback installs
+// a boost::function holding one as it is, without copying the callable again.
+class SharedWaitCallback {
+public:
+    struct Callable {
+        virtual ~Callable() = default;
+        virtual void operator()() = 0;
+    };
+    explicit SharedWaitCallback(std::shared_ptr<Callable> callable)
+        : callable_(std::move(callable)) {}
+    void operator()() const { (*callable_)(); }
+    std::shared_ptr<Callable> const& callable() const { return callable_; }
+
+private:
+    std::shared_ptr<Callable> callable_;
+};
+
 class PromiseDelegate : public foundation::core::memory::PoolAllocated {
 public:
     PromiseDelegate() : currentTask_(nullptr) {}
@@ -94,16 +111,28 @@ public:
 
     void setWaitCallback(boost::function<void()> const& callback) override {
         // Boost copies the callback several times while installing it. Behind one shared
-        // holder, each copy fits boost::function's inline buffer and allocates nothing.
-        promise_.set_wait_callback(WaitHook{
-            foundation::core::memory::makePooledShared<boost::function<void()> const>(callback)});
+        // pointer, each copy fits boost::function's inline buffer and allocates nothing.
+        std::shared_ptr<SharedWaitCallback::Callable> callable;
+        if (auto const* shared = callback.template target<SharedWaitCallback>())
+            callable = shared->callable();
+        else if (!callback.empty())
+            callable = foundation::core::memory::makePooledShared<FunctionCallable>(callback);
+        promise_.set_wait_callback(WaitHook{std::move(callable)}); // null: no callback
     }
 
 private:
+    struct FunctionCallable : SharedWaitCallback::Callable {
+        explicit FunctionCallable(boost::function<void()> const& f) : function(f) {}
+        void operator()() override { function(); }
+        boost::function<void()> function;
+    };
     struct WaitHook {
         typedef void result_type; // boost::bind asks for it
-        std::shared_ptr<boost::function<void()> const> callback;
-        void operator()(boost::promise<T>&) const { (*callback)(); }
+        std::shared_ptr<SharedWaitCallback::Callable> callable;
+        void operator()(boost::promise<T>&) const {
+            if (callable)
+                (*callable)();
+        }
     };
 
     void setFromEvent(IIPCompletedEvent const& event, std::true_type) {

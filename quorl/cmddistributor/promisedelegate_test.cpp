@@ -128,3 +128,44 @@ TEST(PromiseDelegate, WaitersAndFinishersRace) {
         ASSERT_TRUE(f.is_ready());
     }
 }
+
+TEST(PromiseDelegate, WaitCallbacksRunBeforeAnUnreadyWaitAndTheirErrorsReachGet) {
+    struct Counting : SharedWaitCallback::Callable {
+        std::atomic<int> calls{0};
+        void operator()() override {
+            if (++calls == 1)
+                throw WrongThreadException();
+        }
+    };
+    // A shared callable is installed itself, not a copy: the calls land on this very object.
+    auto counting = std::make_shared<Counting>();
+    auto d = std::make_unique<PromiseDelegateT<int>>(&intExtraction);
+    auto f = d->getFuture();
+    d->setWaitCallback(SharedWaitCallback(counting));
+    EXPECT_EQ(counting.use_count(), 2) << "held once, by the promise";
+    EXPECT_THROW(f.get(), WrongThreadException);
+    EXPECT_FALSE(f.is_ready()) << "a throwing callback leaves the future as it was";
+
+    // A plain function replaces it; an empty one removes any callback.
+    std::atomic<int> plain{0};
+    d->setWaitCallback([&] {
+        ++plain;
+        d->setValue(IIPCompletedEvent(IDType(1, 7), quorl::cmddistributor::ExecutionSuccess));
+    });
+    EXPECT_EQ(counting.use_count(), 1) << "the replaced callable is let go";
+    EXPECT_EQ(f.get(), 7);
+    EXPECT_EQ(plain.load(), 1);
+    EXPECT_EQ(counting->calls.load(), 1);
+
+    auto quiet = std::make_unique<PromiseDelegateT<void>>(nullptr);
+    auto g = quiet->getFuture();
+    quiet->setWaitCallback(SharedWaitCallback(counting));
+    quiet->setWaitCallback(boost::function<void()>());
+    std::thread finisher([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        quiet->setValue(IIPCompletedEvent(IDType(1, 8), quorl::cmddistributor::ExecutionSuccess));
+    });
+    g.get();
+    finisher.join();
+    EXPECT_EQ(counting->calls.load(), 1) << "no callback once cleared";
+}
