@@ -21,6 +21,7 @@
 #include <foundation/core/io/streambufadaptor.hpp>
 #include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/core/log/tracescope.hpp>
+#include <foundation/core/memory/poolallocator.hpp>
 #include <foundation/cppmicroservices/framework.hpp>
 #include <foundation/extdata/array.hpp>
 #include <foundation/extdata/array/detail/defaultvariableinfoimpl.hpp>

@@ -4,10 +4,14 @@
 #include <foundation/core/io/streambufadaptor.hpp>
 #include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/core/log/tracescope.hpp>
+#include <foundation/core/memory/poolallocator.hpp>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <deque>
+#include <mutex>
 #include <ostream>
 #include <sstream>
 #include <thread>
@@ -111,4 +115,64 @@ TEST(U16Streams, UnformattedWritesWork) {
     os << u"de";
     EXPECT_TRUE(os.good());
     EXPECT_EQ(buf.str(), u"abcde");
+}
+
+namespace {
+struct Pooled : memory::PoolAllocated {
+    explicit Pooled(int v) : value(v) {}
+    virtual ~Pooled() { ++destroyed; }
+    int value;
+    static std::atomic<int> destroyed;
+};
+std::atomic<int> Pooled::destroyed{0};
+struct PooledChild : Pooled {
+    explicit PooledChild(int v) : Pooled(v), extra{v, v, v, v, v, v} {}
+    long long extra[6];
+};
+} // namespace
+
+TEST(PoolAllocator, ObjectsMadeOnOneThreadDieOnAnother) {
+    // A producer allocates every form the library uses; a consumer frees them, as interpreter
+    // threads free what clients make. Values must arrive intact and every object die once.
+    constexpr int count = 20000;
+    std::mutex m;
+    std::deque<std::pair<std::unique_ptr<Pooled>, std::shared_ptr<std::vector<int>>>> handed;
+    std::deque<boost::shared_ptr<std::string>> strings;
+    std::atomic<bool> done{false};
+    long long sum = 0;
+    std::thread consumer([&] {
+        for (;;) {
+            std::unique_lock<std::mutex> lock(m);
+            if (handed.empty()) {
+                if (done)
+                    return;
+                lock.unlock();
+                std::this_thread::yield();
+                continue;
+            }
+            auto item = std::move(handed.front());
+            handed.pop_front();
+            auto text = std::move(strings.front());
+            strings.pop_front();
+            lock.unlock();
+            sum += item.first->value + item.second->back() + static_cast<long long>(text->size());
+        }
+    });
+    long long expected = 0;
+    for (int i = 0; i < count; ++i) {
+        std::unique_ptr<Pooled> object(i % 2 ? new PooledChild(i) : new Pooled(i));
+        std::vector<int, memory::PoolAllocator<int>> scratch(static_cast<std::size_t>(i % 50));
+        auto shared = memory::makePooledShared<std::vector<int>>(3, i);
+        auto text =
+            memory::makePooledBoostShared<std::string>(static_cast<std::size_t>(i % 40), 'x');
+        expected += i + i + i % 40;
+        std::lock_guard<std::mutex> lock(m);
+        handed.emplace_back(std::move(object), std::move(shared));
+        strings.push_back(std::move(text));
+    }
+    done = true;
+    consumer.join();
+    EXPECT_EQ(sum, expected);
+    EXPECT_EQ(Pooled::destroyed.load(), count);
+    EXPECT_THROW(memory::PoolAllocator<double>().allocate(std::size_t(-1) / 4), std::bad_alloc);
 }
