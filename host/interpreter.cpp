@@ -8,7 +8,6 @@
 #include <quorl/utils/fennmutex.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
-
 #include <foundation/core/memory/poolallocator.hpp>
 
 #include <boost/make_shared.hpp>

@@ -13,11 +13,10 @@
 
 #include <foundation/core/except/exception.hpp>
 #include <foundation/core/log/tracescope.hpp>
+#include <foundation/core/memory/poolallocator.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/threadutil/concurrenttbbhashmap.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
-
-#include <foundation/core/memory/poolallocator.hpp>
 
 #include <boost/make_shared.hpp>
 
@@ -226,31 +225,23 @@ void DefaultDistributor::subscribe() {
             boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
         if (!eventMgr_)
             throw std::logic_error("DefaultDistributor: no event manager");
-        // Each handler holds only the weak pointer, so copying them into a packet allocates
-        // nothing.
-        bypass_ = IIP::EventMgrBypass(
-            [weak](IIPCompletedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->completed(e);
-            },
-            [weak](IIPDiscardedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->cancelled(e.getIdOfChangedIIP());
-            });
+        // The same handlers serve the events and the bypass. Each holds only the weak pointer, so
+        // copying them into a packet allocates nothing.
+        auto const onCompleted = [weak](IIPCompletedEvent const& e) {
+            if (auto self = weak.lock())
+                self->completed(e);
+        };
+        auto const onDiscarded = [weak](IIPDiscardedEvent const& e) {
+            if (auto self = weak.lock())
+                self->cancelled(e.getIdOfChangedIIP());
+        };
+        bypass_ = IIP::EventMgrBypass(onCompleted, onDiscarded);
         sinkConnection_.assign(eventMgr_->subscribe<IIPSinkEvent>([weak](IIPSinkEvent const& e) {
             if (auto self = weak.lock())
                 self->sinkEvent(e);
         }));
-        completedConnection_.assign(
-            eventMgr_->subscribe<IIPCompletedEvent>([weak](IIPCompletedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->completed(e);
-            }));
-        discardedConnection_.assign(
-            eventMgr_->subscribe<IIPDiscardedEvent>([weak](IIPDiscardedEvent const& e) {
-                if (auto self = weak.lock())
-                    self->cancelled(e.getIdOfChangedIIP());
-            }));
+        completedConnection_.assign(eventMgr_->subscribe<IIPCompletedEvent>(onCompleted));
+        discardedConnection_.assign(eventMgr_->subscribe<IIPDiscardedEvent>(onDiscarded));
         remoteShutdownConnection_.assign(eventMgr_->subscribe<quorl::eventmgr::TARNShutdownEvent>(
             [weak](quorl::eventmgr::TARNShutdownEvent const&) {
                 if (auto self = weak.lock())

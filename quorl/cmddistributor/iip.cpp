@@ -2,8 +2,9 @@
 
 #include <quorl/cmddistributor/iip.hpp>
 
-#include <boost/archive/archive_exception.hpp>
 #include <foundation/core/memory/poolallocator.hpp>
+
+#include <boost/archive/archive_exception.hpp>
 
 #include <sstream>
 
