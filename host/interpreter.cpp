@@ -95,14 +95,8 @@ void Interpreter::threadMain(std::promise<void>& ready) {
         auto execution = std::shared_ptr<PacketExecution>();
         // Poll briefly before sleeping: a client sending in bursts then finds the interpreter
         // awake instead of paying a wake-up per packet.
-        for (int spin = 0; spin < 64; ++spin) {
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (stopping_ || !queue_.empty())
-                    break;
-            }
+        for (int spin = 0; spin < 64 && !hasWork_.load(std::memory_order_acquire); ++spin)
             std::this_thread::yield();
-        }
         {
             std::unique_lock<std::mutex> lock(mutex_);
             wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
@@ -110,6 +104,7 @@ void Interpreter::threadMain(std::promise<void>& ready) {
                 break;
             packet = std::move(queue_.front());
             queue_.pop_front();
+            noteQueueChanged();
             execution = foundation::core::memory::makePooledShared<PacketExecution>(
                 packet.id, packet.iip, fennID_, managerOf(packet));
             running_.emplace_back(packet.id, execution);
@@ -121,6 +116,7 @@ void Interpreter::threadMain(std::promise<void>& ready) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         left.swap(queue_);
+        noteQueueChanged();
         for (auto const& packet : left)
             rememberEnded(packet.id);
     }
@@ -232,11 +228,17 @@ bool Interpreter::hasEnded(IDType const& id) const {
     return std::find(ended_.begin(), ended_.end(), id) != ended_.end();
 }
 
+void Interpreter::noteQueueChanged() {
+    hasWork_.store(stopping_ || !queue_.empty(), std::memory_order_release);
+}
+
 void Interpreter::enqueue(QueuedPacket packet) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
+        std::unique_lock<std::mutex> lock(mutex_);
         if (!stopping_) {
             queue_.push_back(std::move(packet));
+            noteQueueChanged();
+            lock.unlock();
             wake_.notify_one();
             return;
         }
@@ -264,6 +266,7 @@ Interpreter::CancelOutcome Interpreter::cancel(IDType const& id, bool interrupt)
         }
         removed = std::move(*queued);
         queue_.erase(queued);
+        noteQueueChanged();
         rememberEnded(id);
     }
     discard(removed);
@@ -287,6 +290,7 @@ Interpreter::RunNowOutcome Interpreter::runNow(IDType const& id) {
         }
         packet = std::move(*queued);
         queue_.erase(queued);
+        noteQueueChanged();
         execution = foundation::core::memory::makePooledShared<PacketExecution>(
             packet.id, packet.iip, fennID_, managerOf(packet));
         running_.emplace_back(packet.id, execution);
@@ -302,6 +306,7 @@ void Interpreter::stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
+        noteQueueChanged();
         for (auto const& running : running_)
             running.second->requestInterrupt();
         wake_.notify_all();

@@ -25,6 +25,7 @@
 #include <foundation/msg_svc/exchange/idtype.hpp>
 #include <foundation/usm/context.hpp>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -106,6 +107,7 @@ private:
     managerOf(QueuedPacket const& packet) const;
     void rememberEnded(foundation::msg_svc::exchange::IDType const& id);  // with mutex_ held
     bool hasEnded(foundation::msg_svc::exchange::IDType const& id) const; // with mutex_ held
+    void noteQueueChanged();                                              // with mutex_ held
 
     contextmgr::FennID const fennID_;
     contextmgr::TarnID const tarnID_;
@@ -120,11 +122,14 @@ private:
     std::vector<std::pair<foundation::msg_svc::exchange::IDType, std::shared_ptr<PacketExecution>>>
         running_;
     bool stopping_ = false;
-    // Ids of packets that ran or were discarded, the most recent ones only.
-    // The latest ended packets, oldest overwritten first. Remembering is the common case (every
-    // packet) and must not allocate; looking up happens only for a cancel, so a scan will do.
+    // Ids of packets that ran or were discarded: the latest ended packets, oldest overwritten
+    // first. Remembering is the common case (every packet) and must not allocate; looking up
+    // happens only for a cancel, so a scan will do.
     std::vector<foundation::msg_svc::exchange::IDType> ended_;
     std::size_t endedNext_ = 0;
+    // Whether there is a packet to take or a stop to obey, readable without the lock so that the
+    // thread can poll it before sleeping.
+    std::atomic<bool> hasWork_{false};
 
     std::mutex stopMutex_; // serializes stop()
     std::thread thread_;

@@ -3,12 +3,15 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/lanes.hpp>
 
 #include <boost/serialization/base_object.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -289,4 +292,36 @@ TEST(Exchange, OtherExchangesAreReachedSerializedAndFailuresAreReported) {
             .get(),
         DeliveryError);
     EXPECT_NE(local, "test-peer-a");
+}
+
+// Jobs queued behind a running one are taken as one batch; a stop while the batch runs must still
+// discard the jobs of that batch not yet started, and release what they hold.
+TEST(SerialLane, StopDiscardsTheRestOfARunningBatch) {
+    detail::SerialLane lane;
+    std::promise<void> gateOpen, firstEntered, firstRelease;
+    std::shared_future<void> gate = gateOpen.get_future().share();
+    std::shared_future<void> release = firstRelease.get_future().share();
+    std::vector<int> ran; // touched on the lane's thread only, read after the join
+    auto held = std::make_shared<int>(0);
+
+    ASSERT_TRUE(lane.post([gate] { gate.wait(); }));
+    ASSERT_TRUE(lane.post([&, release] {
+        ran.push_back(1);
+        firstEntered.set_value();
+        release.wait();
+    }));
+    for (int i = 2; i <= 4; ++i)
+        ASSERT_TRUE(lane.post([&ran, i, held] { ran.push_back(i); }));
+    gateOpen.set_value(); // the lane now takes jobs 1 to 4 together and blocks in job 1
+    firstEntered.get_future().wait();
+
+    std::thread stopper([&lane] { lane.stop(); });
+    while (lane.post([] {})) // refused once the stop has begun
+        std::this_thread::yield();
+    firstRelease.set_value();
+    stopper.join();
+
+    EXPECT_EQ(ran, std::vector<int>{1});
+    EXPECT_EQ(held.use_count(), 1); // the discarded jobs are gone
+    EXPECT_FALSE(lane.post([] {}));
 }

@@ -29,17 +29,18 @@ bool SerialLane::post(Job job) {
         if (stopping_)
             return false;
         queue_.push_back(std::move(job));
-        queued_.fetch_add(1, std::memory_order_release);
+        hasWork_.store(true, std::memory_order_release);
     }
     wake_.notify_one();
     return true;
 }
 
 void SerialLane::stop() {
-    std::deque<Job> dropped;
+    std::vector<Job> dropped;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
+        hasWork_.store(true, std::memory_order_release);
         dropped.swap(queue_);
     }
     wake_.notify_all();
@@ -50,19 +51,25 @@ void SerialLane::stop() {
 void SerialLane::run() {
     if (onStart_)
         onStart_();
+    std::vector<Job> batch; // swapped with queue_, so both keep their capacity
     for (;;) {
-        Job job;
-        spinBriefly([this] { return queued_.load(std::memory_order_acquire) != 0; });
+        spinBriefly([this] { return hasWork_.load(std::memory_order_acquire); });
         {
             std::unique_lock<std::mutex> lock(mutex_);
             wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
             if (stopping_)
                 return;
-            job = std::move(queue_.front());
-            queue_.pop_front();
-            queued_.fetch_sub(1, std::memory_order_relaxed);
+            batch.swap(queue_);
+            hasWork_.store(false, std::memory_order_relaxed);
         }
-        job();
+        for (auto& job : batch) {
+            // A stop discards the jobs not yet started, including the rest of this batch.
+            if (stopping_.load(std::memory_order_acquire))
+                break;
+            job();
+            job = nullptr;
+        }
+        batch.clear();
     }
 }
 

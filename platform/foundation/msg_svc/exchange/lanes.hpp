@@ -1,7 +1,8 @@
 #pragma once
 // Delivery lanes of an exchange (private to the exchange and the event service).
 //
-// SerialLane: one thread that runs jobs in order of posting.
+// SerialLane: one thread that runs jobs in order of posting. It takes all queued jobs at once, so
+// that a producer posting in bursts and the lane meet at the lock once per burst, not per job.
 // ElasticLane: runs each job at once on an idle thread, starting another thread (up to a bound)
 // when none is idle, so jobs overtake one another and may block without stalling the lane.
 // Both: post() from any thread; stop() discards jobs not yet started and joins the threads,
@@ -33,11 +34,11 @@ public:
 private:
     void run();
     std::function<void()> onStart_;
-    std::mutex mutex_; // guards queue_, stopping_
+    std::mutex mutex_; // guards queue_; stopping_ is written under it
     std::condition_variable wake_;
-    std::deque<Job> queue_;
-    bool stopping_ = false;
-    std::atomic<std::size_t> queued_{0}; // a lock-free view of queue_.size() for spinning
+    std::vector<Job> queue_;
+    std::atomic<bool> stopping_{false}; // read without the lock between the jobs of a batch
+    std::atomic<bool> hasWork_{false};  // a lock-free view of stopping_ || !queue_.empty()
     std::thread thread_;
     std::thread::id threadId_;
 };
