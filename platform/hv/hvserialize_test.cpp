@@ -29,45 +29,39 @@ const hvOpaqueClass* boxClass = nullptr;
 int boxSaves = 0;
 int boxLoads = 0;
 
-void destroyBox(void* giblet) {
-    delete static_cast<int*>(giblet);
-}
-void* shareBox(void* giblet) {
-    return new int(*static_cast<int*>(giblet));
-}
-hvArray* saveBox(const hvArray* a) {
-    ++boxSaves;
-    return hvCreateNumericScalar(hvINT32_CLASS, *static_cast<int*>(hvGetOpaqueGiblet(a)));
-}
-hvArray* loadBox(const hvOpaqueClass* cls, const hvArray* saved) {
-    ++boxLoads;
-    if (hvGetClassID(saved) != hvINT32_CLASS) {
-        return nullptr;
-    }
-    return hvCreateOpaqueGiblet(cls, new int(static_cast<int>(hvGetScalar(saved))));
-}
-bool equalBox(const hvArray* a, const hvArray* b) {
-    return *static_cast<int*>(hvGetOpaqueGiblet(a)) == *static_cast<int*>(hvGetOpaqueGiblet(b));
+int& boxed(const hvArray* a) {
+    return *static_cast<int*>(hvGetOpaqueGiblet(a));
 }
 
 const hvOpaqueClass* registerBox() {
     if (boxClass == nullptr) {
         hvOpaqueClassOps ops;
-        ops.destroy = &destroyBox;
-        ops.share = &shareBox;
-        ops.save = &saveBox;
-        ops.load = &loadBox;
-        ops.equal = &equalBox;
+        ops.destroy = [](void* giblet) { delete static_cast<int*>(giblet); };
+        ops.share = [](void* giblet) -> void* { return new int(*static_cast<int*>(giblet)); };
+        ops.save = [](const hvArray* a) {
+            ++boxSaves;
+            return hvCreateNumericScalar(hvINT32_CLASS, boxed(a));
+        };
+        ops.load = [](const hvOpaqueClass* cls, const hvArray* saved) -> hvArray* {
+            ++boxLoads;
+            if (hvGetClassID(saved) != hvINT32_CLASS) {
+                return nullptr;
+            }
+            return hvCreateOpaqueGiblet(cls, new int(static_cast<int>(hvGetScalar(saved))));
+        };
+        ops.equal = [](const hvArray* a, const hvArray* b) { return boxed(a) == boxed(b); };
         boxClass = hvSubclassOpaqueArray("test.Box", &ops);
     }
     return boxClass;
 }
 
-template <class T> HvArrayPtr filled(hvClassID cls, std::size_t m, std::size_t n) {
+// A numeric array whose bytes all differ from their neighbours, so that every byte of every
+// element is checked (the values chosen hold no NaN, which would not compare equal).
+HvArrayPtr filled(hvClassID cls, std::size_t m, std::size_t n) {
     HvArrayPtr a(hvCreateNumericMatrix(cls, m, n));
-    T* p = static_cast<T*>(hvGetData(a.get()));
-    for (std::size_t i = 0; i < m * n; ++i) {
-        p[i] = static_cast<T>(i * 37 + 1);
+    auto* p = static_cast<std::uint8_t*>(hvGetData(a.get()));
+    for (std::size_t i = 0; i < m * n * hvGetElementSize(a.get()); ++i) {
+        p[i] = static_cast<std::uint8_t>(i * 37 + 1);
     }
     return a;
 }
@@ -78,16 +72,9 @@ HvArrayPtr everything() {
     const std::size_t dims3[] = {2, 2, 3};
     HvArrayPtr s(hvCreateStructMatrix(1, 2, 4, fields));
     HvArrayPtr numbers(hvCreateCellMatrix(1, 11));
-    hvSetCell(numbers.get(), 0, filled<double>(hvDOUBLE_CLASS, 3, 4).release());
-    hvSetCell(numbers.get(), 1, filled<float>(hvSINGLE_CLASS, 2, 1).release());
-    hvSetCell(numbers.get(), 2, filled<std::int8_t>(hvINT8_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 3, filled<std::uint8_t>(hvUINT8_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 4, filled<std::int16_t>(hvINT16_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 5, filled<std::uint16_t>(hvUINT16_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 6, filled<std::int32_t>(hvINT32_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 7, filled<std::uint32_t>(hvUINT32_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 8, filled<std::int64_t>(hvINT64_CLASS, 1, 3).release());
-    hvSetCell(numbers.get(), 9, filled<std::uint64_t>(hvUINT64_CLASS, 1, 3).release());
+    for (int c = hvDOUBLE_CLASS; c <= hvUINT64_CLASS; ++c) { // 2 by 1 up to 2 by 10
+        hvSetCell(numbers.get(), c - hvDOUBLE_CLASS, filled(hvClassID(c), 2, c - 5).release());
+    }
     HvArrayPtr nd(hvCreateLogicalArray(3, dims3));
     static_cast<std::uint8_t*>(hvGetData(nd.get()))[11] = 1;
     hvSetFlags(nd.get(), hvFLAG_SPARSE);
@@ -122,8 +109,7 @@ TEST(HvSerialize, EveryClassRoundTrips) {
     EXPECT_EQ(hvGetFunctionName(hvGetCell(hvGetField(back.get(), 1, "nested"), 0)), "sin");
 
     // A change anywhere inside makes the copies differ: equality really looks inside.
-    const hvArray* box = hvGetCell(hvGetField(back.get(), 1, "nested"), 1);
-    *static_cast<int*>(hvGetOpaqueGiblet(box)) = 40;
+    boxed(hvGetCell(hvGetField(back.get(), 1, "nested"), 1)) = 40;
     EXPECT_FALSE(hvAreMatricesEqual(value.get(), back.get()));
 
     HvArrayPtr null = roundTrip(nullptr);
@@ -149,35 +135,6 @@ TEST(HvSerialize, LargeArraysRoundTripAndCopy) {
     static_cast<double*>(hvGetData(copy.get()))[n - 1] = 1;
     EXPECT_EQ(static_cast<const double*>(hvGetReadOnlyData(back.get()))[n - 1], n - 1.25);
     EXPECT_FALSE(hvAreMatricesEqual(copy.get(), back.get()));
-}
-
-TEST(HvSerialize, ObjectsAndMethodHandlesRoundTrip) {
-    const char* props[] = {"a", "b"};
-    hvClassMethodDef methods[] = {
-        {"first", [](int nlhs, hvArray** plhs, int, const hvArray* const* prhs) {
-             plhs[0] = hvGetProperty(prhs[0], 0, "a");
-             return nlhs == 1;
-         }}};
-    hvClassDef def;
-    def.name = "test.Pair";
-    def.properties = props;
-    def.nproperties = 2;
-    def.methods = methods;
-    def.nmethods = 1;
-    hvDefineClass(def);
-    HvArrayPtr pair(hvCreateClassArray("test.Pair", 1, 1));
-    HvArrayPtr inner(hvCreateStringObject("x"));
-    hvSetProperty(pair.get(), 0, "a", inner.get());
-    HvArrayPtr back = roundTrip(pair.get());
-    EXPECT_TRUE(hvIsA(back.get(), "test.Pair"));
-    EXPECT_TRUE(hvAreMatricesEqual(pair.get(), back.get()));
-
-    HvArrayPtr method(hvFindMethod(pair.get(), "first"));
-    HvArrayPtr methodBack = roundTrip(method.get());
-    hvArray* out = nullptr;
-    const hvArray* in[] = {back.get()};
-    ASSERT_TRUE(hvCallMethod(methodBack.get(), 1, &out, 1, in));
-    EXPECT_EQ(hvArrayToStdString(HvArrayPtr(out).get()), "x");
 }
 
 TEST(HvSerialize, UnsaveableAndUnknownClassesFail) {
@@ -248,9 +205,7 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
     // Dimensions whose product overflows.
     std::vector<std::uint8_t> huge = {6, 0, 3};
     for (int d = 0; d < 3; ++d) {
-        for (int k = 0; k < 9; ++k) {
-            huge.push_back(0xff);
-        }
+        huge.insert(huge.end(), 9, 0xff);
         huge.push_back(0x01);
     }
     rejects(with(huge), "does not fit");
@@ -273,10 +228,7 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
     rejects(with({2, 0, 2, 1, 1, 2, 1, 'a', 1, 'a', 0, 0}), "duplicate name");
     // Found by the fuzzer: a million objects of a class with properties, carrying none.
     const char* props[] = {"p"};
-    hvClassDef def;
-    def.name = "test.OneProp";
-    def.properties = props;
-    def.nproperties = 1;
+    hvClassDef def{"test.OneProp", nullptr, 0, props, 1};
     hvDefineClass(def);
     std::vector<std::uint8_t> objects = {18, 0, 2, 0xc0, 0x84, 0x3d, 1, 12};
     objects.insert(objects.end(), def.name, def.name + 12);

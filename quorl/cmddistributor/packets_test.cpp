@@ -112,31 +112,28 @@ TEST(Packets, TraitsAreComputedLateAndCrossArchives) {
         // A packet type that cannot be serialized saves, and refuses to load.
         LocalOnlyIIP local;
         IIP const* lp = &local;
-        std::string bytes = quorl_testing::write(f, lp);
         IIP* refused = nullptr;
         try {
-            quorl_testing::read(f, bytes, refused);
+            quorl_testing::read(f, quorl_testing::write(f, lp), refused);
             FAIL() << "loading must fail";
         } catch (boost::archive::archive_exception const& e) {
             EXPECT_EQ(e.code, boost::archive::archive_exception::unregistered_cast);
         }
     }
-    std::string xml = quorl_testing::write(Family::Xml, static_cast<IIP const&>(iip));
-    auto names = quorl_testing::xmlElementNames(xml);
+    auto names = quorl_testing::xmlElementNames(
+        quorl_testing::write(Family::Xml, static_cast<IIP const&>(iip)));
     ASSERT_GE(names.size(), 5u);
-    EXPECT_EQ(std::vector<std::string>(names.begin(), names.begin() + 4),
-              (std::vector<std::string>{"object", "streamid", "plugintype", "outtraits"}));
+    names.resize(4);
+    EXPECT_EQ(names, (std::vector<std::string>{"object", "streamid", "plugintype", "outtraits"}));
 
-    // The bypass is shared by every holder of the packet.
-    auto shared = boost::make_shared<PlainIIP>(nullptr, nullptr);
-    auto holder = shared;
+    // The bypass is set in place, so a pointer to it taken earlier sees the new handlers.
+    auto const held = iip.getEventMgrBypass();
     int completed = 0;
-    shared->setEventMgrBypass(IIP::EventMgrBypass([&](IIPCompletedEvent const&) { ++completed; },
-                                                  IIP::EventMgrBypass::DiscardedHandler()));
-    ASSERT_TRUE(bool(*holder->getEventMgrBypass()));
-    (*holder->getEventMgrBypass())(
-        IIPCompletedEvent(IDType(), quorl::cmddistributor::ExecutionSuccess));
-    (*holder->getEventMgrBypass())(IIPDiscardedEvent(IDType())); // empty handler: skipped
+    iip.setEventMgrBypass(IIP::EventMgrBypass([&](IIPCompletedEvent const&) { ++completed; },
+                                              IIP::EventMgrBypass::DiscardedHandler()));
+    ASSERT_TRUE(bool(*held));
+    (*held)(IIPCompletedEvent(IDType(), quorl::cmddistributor::ExecutionSuccess));
+    (*held)(IIPDiscardedEvent(IDType())); // empty handler: skipped
     EXPECT_EQ(completed, 1);
 }
 
@@ -165,6 +162,14 @@ namespace {
 struct TrackingFactory : CmdDistributor {
     using CmdDistributor::makeRequestTracking;
 };
+
+// Hands the record a cancel promise; returns the promise's future.
+template <class Record> auto cancelFuture(Record const& record) {
+    auto p = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
+    auto f = p->get_future();
+    record->cancel(std::move(p));
+    return f;
+}
 } // namespace
 
 TEST(RequestTracking, CancelStatusFollowsTheEnd) {
@@ -175,9 +180,7 @@ TEST(RequestTracking, CancelStatusFollowsTheEnd) {
         record->waitTillReady();
         EXPECT_FALSE(record->needsDeadlockChecking());
         // A cancel promise on a record that dies unfulfilled receives the current status.
-        auto p = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
-        auto f = p->get_future();
-        record->cancel(std::move(p));
+        auto f = cancelFuture(record);
         auto second = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
         EXPECT_THROW(record->cancel(std::move(second)), AlreadyCancelledException);
         EXPECT_TRUE(second); // stays with the caller
@@ -194,9 +197,7 @@ TEST(RequestTracking, CancelStatusFollowsTheEnd) {
             throw std::runtime_error("continuation failure is swallowed");
         });
         EXPECT_FALSE(record->needsDeadlockChecking()); // trusted continuation
-        auto p = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
-        auto f = p->get_future();
-        record->cancel(std::move(p));
+        auto f = cancelFuture(record);
         record->setValue(IIPCompletedEvent(IDType(), status));
         EXPECT_EQ(continued.load(), 1);
         EXPECT_TRUE(future.is_ready());
@@ -208,27 +209,25 @@ TEST(RequestTracking, CancelStatusFollowsTheEnd) {
         auto record = TrackingFactory::makeRequestTracking(
             request, std::make_unique<PromiseDelegateT<void>>(nullptr), false);
         EXPECT_TRUE(record->needsDeadlockChecking());
-        auto p = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
-        auto f = p->get_future();
         record->cancelled(CmdDistributor::CancelNotFound);
-        record->cancel(std::move(p));
+        auto f = cancelFuture(record);
         record->setException(boost::copy_exception(std::runtime_error("other")));
         EXPECT_EQ(f.get(), CmdDistributor::CancelNotFound);
         auto record2 = TrackingFactory::makeRequestTracking(
             request, std::make_unique<PromiseDelegateT<void>>(nullptr), false);
-        auto p2 = std::make_unique<boost::promise<CmdDistributor::CancelStatus>>();
-        auto f2 = p2->get_future();
-        record2->cancel(std::move(p2));
+        auto f2 = cancelFuture(record2);
         record2->setException(boost::copy_exception(AlreadyCancelledException()));
         EXPECT_EQ(f2.get(), CmdDistributor::CancelDone);
     }
 }
 
 TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
-    auto iip = boost::make_shared<PlainIIP const>(nullptr, nullptr);
     IDType const id(5, 6);
-    IIPEnqueueMessage const m(iip, id, quorl::contextmgr::FennID{3}, quorl::contextmgr::TarnID{9},
-                              nullptr, WTD::DequeueWhenIdle, true);
+    auto message = [&](boost::shared_ptr<IIP const> const& iip) {
+        return IIPEnqueueMessage(iip, id, quorl::contextmgr::FennID{3},
+                                 quorl::contextmgr::TarnID{9}, nullptr, WTD::DequeueWhenIdle, true);
+    };
+    IIPEnqueueMessage const m = message(boost::make_shared<PlainIIP const>(nullptr, nullptr));
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
         foundation::msg_svc::exchange::Message const* p = &m;
@@ -252,12 +251,8 @@ TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
     EXPECT_EQ(top, (std::vector<std::string>{"message", "fennid", "iip", "iip", "iipid", "tarnid",
                                              "hasFuture", "dequeueMode"}));
     // Packets of the same presence compare equal; presence differs.
-    IIPEnqueueMessage const other(boost::make_shared<PlainIIP const>(nullptr, nullptr), id,
-                                  quorl::contextmgr::FennID{3}, quorl::contextmgr::TarnID{9},
-                                  nullptr, WTD::DequeueWhenIdle, true);
-    EXPECT_TRUE(other == m);
-    IIPEnqueueMessage const none(nullptr, id, quorl::contextmgr::FennID{3},
-                                 quorl::contextmgr::TarnID{9}, nullptr, WTD::DequeueWhenIdle, true);
+    EXPECT_TRUE(message(boost::make_shared<PlainIIP const>(nullptr, nullptr)) == m);
+    IIPEnqueueMessage const none = message(nullptr);
     EXPECT_FALSE(none == m);
     std::ostringstream text;
     none.toString(text, 0);

@@ -65,37 +65,19 @@ RuntimeException sample() {
     return RuntimeException(bare, boost::make_shared<TaggedData>("tag"));
 }
 
-std::string text(RuntimeException const& e, std::string const& indent) {
-    std::ostringstream os;
-    e.write(os, indent);
-    return os.str();
-}
-
-std::string goldenFolder() {
-    if (char const* root = std::getenv("QUORL_SOURCE_DIR"))
-        return std::string(root) + "/tests/golden/runtimeexception/";
-    // This file's path names the source tree (relative to the working directory or absolute).
+std::string readGolden(std::string const& name) {
+    // Without the variable, this file's path names the source tree (relative or absolute).
     std::string const here = __FILE__;
-    return here.substr(0, here.rfind("quorl/cmddistributor/")) + "tests/golden/runtimeexception/";
-}
-
-std::string readFile(std::string const& path) {
+    char const* root = std::getenv("QUORL_SOURCE_DIR");
+    std::string const path =
+        (root ? std::string(root) + "/" : here.substr(0, here.rfind("quorl/"))) +
+        "tests/golden/runtimeexception/" + name;
     std::ifstream is(path, std::ios::binary);
     EXPECT_TRUE(is) << path;
     std::ostringstream os;
     os << is.rdbuf();
     return os.str();
 }
-
-// The golden file names of a family, and the families that read each.
-struct GoldenForm {
-    char const* suffix;
-    Family plain;
-    Family polymorphic;
-};
-GoldenForm const goldenForms[] = {{".txt", Family::Text, Family::PolyText},
-                                  {".xml", Family::Xml, Family::PolyXml},
-                                  {".bin", Family::Binary, Family::PolyBinary}};
 
 // An archive of RuntimeException at version 1, which no reader supports.
 struct ErrorV1 {
@@ -116,15 +98,13 @@ TEST(RuntimeException, IsThrownSharedAndCompared) {
     } catch (std::exception const& caught) {
         EXPECT_STREQ("outer \xc3\xa9", caught.what());
     }
-    EXPECT_EQ("a:b", e.GetID());
-    EXPECT_EQ(u"last", e.getCauses().at(1).GetUnicodeMessageTxt());
+    EXPECT_EQ(u"last", e.getCauses().at(1).GetUnicodeMessageTxt()) << "the narrow constructor";
     EXPECT_EQ(status::ExecutionError, RuntimeException().getExecutionStatus());
 
     // Copies share the data; other additional data leaves the rest shared.
     RuntimeException const copy(e);
     RuntimeException const other(e, boost::make_shared<OtherData>());
     RuntimeException assigned = inner();
-    EXPECT_STREQ("inner", assigned.what());
     assigned = other;
     EXPECT_STREQ("outer \xc3\xa9", assigned.what());
     EXPECT_EQ(&e.getStackFrames(), &copy.getStackFrames());
@@ -134,7 +114,6 @@ TEST(RuntimeException, IsThrownSharedAndCompared) {
     EXPECT_EQ(e, copy);
     EXPECT_EQ(e, RuntimeException(sample(), boost::make_shared<TaggedData>("tag")));
     EXPECT_EQ(other, RuntimeException(e, boost::make_shared<OtherData>()));
-    EXPECT_EQ(RuntimeException(e, nullptr), RuntimeException(sample(), nullptr));
 
     // Each field on its own makes a difference.
     auto const error = status::ExecutionError;
@@ -153,9 +132,9 @@ TEST(RuntimeException, IsThrownSharedAndCompared) {
           RuntimeException(error, u"m", "i", "f", frames, {}),
           RuntimeException(error, u"m", "i", "f", frames,
                            {RuntimeException(inner(), boost::make_shared<OtherData>())}),
-          RuntimeException(base, boost::make_shared<OtherData>()), e, other,
-          RuntimeException(sample(), boost::make_shared<TaggedData>("other"))})
+          RuntimeException(base, boost::make_shared<OtherData>())})
         EXPECT_NE(base, differing);
+    // Additional data of another type, or of the same type with other contents.
     EXPECT_NE(e, other);
     EXPECT_NE(e, RuntimeException(e, boost::make_shared<TaggedData>("other")));
 
@@ -175,36 +154,36 @@ TEST(RuntimeException, WritesItsTextLayout) {
         {inner(), RuntimeException(status::ExecutionAborted, u"", "", "k", {}, {})});
     std::ostringstream os;
     EXPECT_EQ(&os, &e.write(os, "  "));
-    EXPECT_EQ(text(e, "  "), "  status: 2\n"
-                             "  msg: outer\n"
-                             "  id: a:b\n"
-                             "  func: f\n"
-                             "  stack:\n"
-                             "         file: x\xc3\xa9.q\n"
-                             "         func: f\n"
-                             "         line: 12\n"
-                             "         ----\n"
-                             "         file: y.q\n"
-                             "         func: g\n"
-                             "         line: 3.5\n"
-                             "         ----\n"
-                             "  cause:\n"
-                             "         status: 4\n"
-                             "         msg: inner\n"
-                             "         id: c:d\n"
-                             "         func: g\n"
-                             "         stack:\n"
-                             "                file: z.q\n"
-                             "                func: h\n"
-                             "                line: 7\n"
-                             "                ----\n"
-                             "         cause:\n"
-                             "         status: 3\n"
-                             "         msg: \n"
-                             "         id: \n"
-                             "         func: k\n"
-                             "         stack:\n"
-                             "         cause:\n");
+    EXPECT_EQ(os.str(), "  status: 2\n"
+                        "  msg: outer\n"
+                        "  id: a:b\n"
+                        "  func: f\n"
+                        "  stack:\n"
+                        "         file: x\xc3\xa9.q\n"
+                        "         func: f\n"
+                        "         line: 12\n"
+                        "         ----\n"
+                        "         file: y.q\n"
+                        "         func: g\n"
+                        "         line: 3.5\n"
+                        "         ----\n"
+                        "  cause:\n"
+                        "         status: 4\n"
+                        "         msg: inner\n"
+                        "         id: c:d\n"
+                        "         func: g\n"
+                        "         stack:\n"
+                        "                file: z.q\n"
+                        "                func: h\n"
+                        "                line: 7\n"
+                        "                ----\n"
+                        "         cause:\n"
+                        "         status: 3\n"
+                        "         msg: \n"
+                        "         id: \n"
+                        "         func: k\n"
+                        "         stack:\n"
+                        "         cause:\n");
 }
 
 TEST(RuntimeException, SurvivesEveryArchiveFamily) {
@@ -213,51 +192,15 @@ TEST(RuntimeException, SurvivesEveryArchiveFamily) {
         SCOPED_TRACE(quorl_testing::familyName(f));
         RuntimeException back = inner();
         RuntimeException const earlierCopy = back;
-        EXPECT_STREQ("inner", back.what());
         quorl_testing::read(f, quorl_testing::write(f, e), back);
-        EXPECT_EQ(e, back);
+        EXPECT_EQ(e, back); // also compares the type of each additional data
         EXPECT_STREQ("outer \xc3\xa9", back.what());
-        ASSERT_TRUE(dynamic_cast<TaggedData*>(back.getAdditionalData().get()));
-        EXPECT_FALSE(back.getCauses()[0].getAdditionalData());
         // Reading gave the instance data of its own.
         EXPECT_EQ(inner(), earlierCopy);
         Frame frame;
         quorl_testing::read(f, quorl_testing::write(f, Frame(u"\U0001F600", "g", -0.25)), frame);
         EXPECT_EQ(Frame(u"\U0001F600", "g", -0.25), frame);
     }
-    RuntimeException const small(status::ExecutionError, u"m", "i", "f", {Frame(u"x", "f", 1)},
-                                 {RuntimeException(status::ExecutionError, u"", "", "", {}, {})});
-    std::vector<std::string> const names{"object",
-                                         "id",
-                                         "message",
-                                         "status",
-                                         "function",
-                                         "frames",
-                                         "count",
-                                         "item_version",
-                                         "item",
-                                         "file",
-                                         "func",
-                                         "line",
-                                         "causes",
-                                         "count",
-                                         "item_version",
-                                         "item",
-                                         "id",
-                                         "message",
-                                         "status",
-                                         "function",
-                                         "frames",
-                                         "count",
-                                         "item_version",
-                                         "causes",
-                                         "count",
-                                         "item_version",
-                                         "additionalData",
-                                         "px",
-                                         "additionalData",
-                                         "px"};
-    EXPECT_EQ(names, quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, small)));
 }
 
 TEST(RuntimeException, PassesThroughExceptionPointersWithItsType) {
@@ -278,8 +221,6 @@ TEST(RuntimeException, PassesThroughExceptionPointersWithItsType) {
             ADD_FAILURE() << "the dynamic type was lost";
         }
     }
-    std::unique_ptr<RuntimeException> clone(static_cast<RuntimeException const&>(host).clone());
-    EXPECT_TRUE(dynamic_cast<HostError*>(clone.get()));
     try {
         boost::rethrow_exception(cmddistributor::toExceptionPtr(inner()));
     } catch (RuntimeException const& e) {
@@ -288,48 +229,50 @@ TEST(RuntimeException, PassesThroughExceptionPointersWithItsType) {
 }
 
 TEST(RuntimeException, ReadsEveryGoldenVersion) {
-    ustring const outerMessage = u"Index exceeds 3 \u00e9l\u00e9ments \U0001F600";
-    RuntimeException const v2(
-        status::ExecutionError, outerMessage, "quorl:outer:v2", "lookup",
-        {Frame(u"/src/l\u00e4ufer.q", "lookup", 12), Frame(u"/src/main.q", "main", 3.5)},
-        {RuntimeException(status::ExecutionInterrupted, u"inner two", "quorl:inner:v2", "helper",
-                          {Frame(u"h\u00e9lper.q", "helper", 7)}, {})});
+    // The outer error and its one cause, as the generator made them for each version.
+    auto golden = [](quorl::cmddistributor::inExecutionStatus status, std::string const& v,
+                     std::vector<Frame> frames, ustring const& causeMessage,
+                     ustring const& causeFile) {
+        return RuntimeException(
+            status, u"Index exceeds 3 \u00e9l\u00e9ments \U0001F600", "quorl:outer:" + v, "lookup",
+            std::move(frames),
+            {RuntimeException(status::ExecutionInterrupted, causeMessage, "quorl:inner:" + v,
+                              "helper", {Frame(causeFile, "helper", 7)}, {})});
+    };
+    Frame const lookup(u"/src/l\u00e4ufer.q", "lookup", 12), caller(u"/src/main.q", "main", 3.5);
+    RuntimeException const v2 =
+        golden(status::ExecutionError, "v2", {lookup, caller}, u"inner two", u"h\u00e9lper.q");
     RuntimeException const v3(
-        RuntimeException(
-            status::ExecutionSyntaxError, outerMessage, "quorl:outer:v3", "lookup",
-            {Frame(u"/src/l\u00e4ufer.q", "lookup", 12)},
-            {RuntimeException(status::ExecutionInterrupted, u"inner three", "quorl:inner:v3",
-                              "helper", {Frame(u"helper.q", "helper", 7)}, {})}),
+        golden(status::ExecutionSyntaxError, "v3", {lookup}, u"inner three", u"helper.q"),
         boost::make_shared<TaggedData>("three"));
     RuntimeException const v4(
-        RuntimeException(
-            status::ExecutionError, outerMessage, "quorl:outer:v4", "lookup",
-            {Frame(u"/src/l\u00e4ufer.q", "lookup", 12), Frame(u"/src/main.q", "main", 3.5)},
-            {RuntimeException(status::ExecutionInterrupted, u"inner four", "quorl:inner:v4",
-                              "helper", {Frame(u"helper.q", "helper", 7)}, {})}),
+        golden(status::ExecutionError, "v4", {lookup, caller}, u"inner four", u"helper.q"),
         boost::make_shared<TaggedData>("four"));
 
-    for (GoldenForm const& form : goldenForms) {
+    struct Form {
+        std::string suffix;
+        Family plain, polymorphic;
+    };
+    for (Form const& form :
+         {Form{".txt", Family::Text, Family::PolyText}, Form{".xml", Family::Xml, Family::PolyXml},
+          Form{".bin", Family::Binary, Family::PolyBinary}}) {
         for (Family f : {form.plain, form.polymorphic}) {
             SCOPED_TRACE(quorl_testing::familyName(f));
-            std::string const dir = goldenFolder();
             RuntimeException e;
-            quorl_testing::read(f, readFile(dir + "runtimeexception_v2" + form.suffix), e);
+            quorl_testing::read(f, readGolden("runtimeexception_v2" + form.suffix), e);
             EXPECT_EQ(v2, e);
-            EXPECT_FALSE(e.getAdditionalData());
-            quorl_testing::read(f, readFile(dir + "runtimeexception_v3" + form.suffix), e);
+            quorl_testing::read(f, readGolden("runtimeexception_v3" + form.suffix), e);
             EXPECT_EQ(v3, e);
-            EXPECT_FALSE(e.getCauses().at(0).getAdditionalData());
-            std::string const current = readFile(dir + "runtimeexception_v4" + form.suffix);
+            std::string const current = readGolden("runtimeexception_v4" + form.suffix);
             quorl_testing::read(f, current, e);
             EXPECT_EQ(v4, e);
             // The current form is written exactly as it was.
             EXPECT_EQ(current, quorl_testing::write(form.plain, v4));
 
             Frame frame;
-            quorl_testing::read(f, readFile(dir + "stackframe_v1" + form.suffix), frame);
-            EXPECT_EQ(Frame(u"/src/l\u00e4ufer.q", "lookup", 12), frame);
-            std::string const currentFrame = readFile(dir + "stackframe_v2" + form.suffix);
+            quorl_testing::read(f, readGolden("stackframe_v1" + form.suffix), frame);
+            EXPECT_EQ(lookup, frame);
+            std::string const currentFrame = readGolden("stackframe_v2" + form.suffix);
             quorl_testing::read(f, currentFrame, frame);
             Frame const v2Frame(u"/src/l\u00e4ufer.q \U0001F600", "lookup", 12.25);
             EXPECT_EQ(v2Frame, frame);

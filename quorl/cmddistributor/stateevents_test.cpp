@@ -21,11 +21,12 @@ using foundation::msg_svc::exchange::IDType;
 using quorl_testing::Family;
 
 namespace {
-template <class T> boost::shared_ptr<BaseEvent> roundTrip(Family f, BaseEvent const& e) {
+// Writes `e` through a base pointer and reads it back; null unless it comes back as a T.
+template <class T> boost::shared_ptr<T> roundTrip(Family f, T const& e) {
     BaseEvent const* p = &e;
     BaseEvent* back = nullptr;
     quorl_testing::read(f, quorl_testing::write(f, p), back);
-    return boost::shared_ptr<BaseEvent>(back);
+    return boost::dynamic_pointer_cast<T>(boost::shared_ptr<BaseEvent>(back));
 }
 } // namespace
 
@@ -90,16 +91,11 @@ TEST(StateEvents, SerializabilityAndWireForms) {
     EXPECT_TRUE(IIPStartedEvent(IDType(0, 0)).canBeSerialized());
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        auto back = roundTrip<IIPRequeuedEvent>(f, IIPRequeuedEvent(id));
-        auto* typed = dynamic_cast<IIPRequeuedEvent*>(back.get());
+        auto typed = roundTrip(f, IIPRequeuedEvent(id));
         ASSERT_TRUE(typed);
         EXPECT_EQ(typed->getIdOfChangedIIP(), id);
         EXPECT_TRUE(typed->canBeSerialized()); // read from an archive
     }
-    EXPECT_EQ(
-        quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, IIPStartedEvent(id))),
-        (std::vector<std::string>{"object", "IIPEvent", "BaseEvent", "userTags", "count",
-                                  "item_version", "IIP", "origin", "serial"}));
     std::ostringstream text;
     IIPStartedEvent(IDType(3, 4)).fillStream(text);
     EXPECT_EQ(text.str(), "EVENT iipStarted\nIIP_ID 3:4\n");
@@ -133,21 +129,15 @@ TEST(CompletionEvent, StatusExceptionAndWireForm) {
 
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        auto back = roundTrip<IIPCompletedEvent>(f, failed);
-        auto* typed = dynamic_cast<IIPCompletedEvent*>(back.get());
+        auto typed = roundTrip(f, failed);
         ASSERT_TRUE(typed);
         ASSERT_TRUE(typed->getException());
-        EXPECT_TRUE(*typed->getException() == failure);
-        EXPECT_EQ(typed->getException()->getCauses().size(), 1u);
+        EXPECT_TRUE(*typed->getException() == failure); // its equality covers the causes
         EXPECT_EQ(typed->getIdOfChangedIIP(), id);
-        auto okBack = roundTrip<IIPCompletedEvent>(f, ok);
-        EXPECT_FALSE(dynamic_cast<IIPCompletedEvent*>(okBack.get())->getException());
+        auto okBack = roundTrip(f, ok);
+        ASSERT_TRUE(okBack);
+        EXPECT_FALSE(okBack->getException());
     }
-    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, ok));
-    std::vector<std::string> const head{"object",   "IIPEvent", "IIPEvent",     "BaseEvent",
-                                        "userTags", "count",    "item_version", "IIP",
-                                        "origin",   "serial",   "exception",    "initialized"};
-    EXPECT_EQ(names, head);
 }
 
 TEST(RequestIds, EventsCarryTheIdOfTheirContext) {
@@ -169,8 +159,7 @@ TEST(RequestIds, EventsCarryTheIdOfTheirContext) {
         EXPECT_EQ(a.getRequestId(), other); // made earlier: keeps its id
         // An event read from an archive keeps the archive's id, not the reader's.
         for (Family f : quorl_testing::allFamilies()) {
-            auto back = roundTrip<DebugLoopEvent>(f, a);
-            auto* typed = dynamic_cast<DebugLoopEvent*>(back.get());
+            auto typed = roundTrip(f, a);
             ASSERT_TRUE(typed);
             EXPECT_EQ(typed->getRequestId(), other);
             EXPECT_EQ(typed->getLoopState(), DebugLoopEvent::Entered);

@@ -112,11 +112,6 @@ private:
     std::unique_ptr<foundation::msg_svc::eventmgr::Connection> connection_;
 };
 
-// A send function that pages: it lets through at most three units per call.
-long long sendThree(char16_t const* text, long long n, boost::shared_ptr<VeldraSink> const& sink) {
-    return ActiveCmdWinSinkBufferProxy::defaultSend(text, n < 3 ? n : 3, sink);
-}
-
 } // namespace
 
 TEST(CmdWinSink, TextReachesTheMirrorsThenTheSinkAndEarlyTextComesFirst) {
@@ -138,7 +133,6 @@ TEST(CmdWinSink, TextReachesTheMirrorsThenTheSinkAndEarlyTextComesFirst) {
     auto sink = newSink();
     sink->buffer->mirrors = &mirrors;
     CmdWinHostAccess::setCmdWinSink(OutputStream, sink);
-    EXPECT_EQ(CmdWinHostAccess::getCmdWinSink(OutputStream), sink);
     EXPECT_EQ(put(*out, u" thr\u00e9e"), 6);
     EXPECT_EQ(sink->buffer->text, u"one 2 thr\u00e9e") << "waiting text goes first, in order";
     ASSERT_EQ(sink->buffer->logAtWrite.size(), 2u);
@@ -221,7 +215,11 @@ TEST(CmdWinSink, SendFunctionIsReplaceableAndNullRestoresTheDefault) {
     auto out = ActiveCmdWinSinkProxy::getInstance(OutputStream);
     auto sink = newSink();
     CmdWinHostAccess::setCmdWinSink(OutputStream, sink);
-    CmdWinHostAccess::setSendFunction(&sendThree);
+    // A send function that pages: it lets through at most three units per call.
+    CmdWinHostAccess::setSendFunction(
+        [](char16_t const* text, long long n, boost::shared_ptr<VeldraSink> const& to) {
+            return ActiveCmdWinSinkBufferProxy::defaultSend(text, n < 3 ? n : 3, to);
+        });
     EXPECT_EQ(put(*out, u"abcdef"), 3) << "the writer learns what the send function took";
     CmdWinHostAccess::setSendFunction(nullptr);
     EXPECT_EQ(put(*out, u"ghij"), 4);
@@ -258,7 +256,7 @@ TEST(CmdWinSink, TraitsFollowTheActiveSinkOrTheCommandWindowDefaults) {
     EXPECT_FALSE(out->needsFormattingForDisplay());
     out->setDirty(true);
     EXPECT_TRUE(sink->isDirty());
-    EXPECT_TRUE(out->usingInitialBuffers() == false);
+    EXPECT_FALSE(out->usingInitialBuffers());
     out->activate();
     EXPECT_TRUE(out->usingInitialBuffers());
     CmdWinHostAccess::setCmdWinSink(OutputStream, nullptr);

@@ -116,9 +116,7 @@ TEST(SinkTraits, ReadingBackDropsPagingInEveryFamily) {
         quorl_testing::read(f, quorl_testing::write(f, original), byValue);
         Traits back(byValue);
         EXPECT_FALSE(back.supportsMore());
-        EXPECT_FALSE(back == original);
         EXPECT_TRUE(back.equalsExceptSupportsMore(Traits(original)));
-        EXPECT_TRUE(back.supportsHotlinks() && back.useEcho());
 
         // Through a pointer, as packets hold them.
         SinkTraits const* ptr = &original;
@@ -128,7 +126,4 @@ TEST(SinkTraits, ReadingBackDropsPagingInEveryFamily) {
         EXPECT_TRUE(*loaded == byValue);
         delete loaded;
     }
-    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, original));
-    EXPECT_EQ(names, (std::vector<std::string>{"object", "more", "links", "displayformatting",
-                                               "diary", "echo", "logging"}));
 }

@@ -46,24 +46,18 @@ private:
     std::unique_ptr<foundation::msg_svc::eventmgr::Connection> connection_;
 };
 
-template <class T>
-void expectRoundTrips(T const& original, std::vector<std::string> const& xmlNames) {
+// Equality covers the stream, the text and the request id (checked below), so comparing with
+// the original checks every field. The kept golden XML fixes the element names.
+template <class T> void expectRoundTrips(T const& original) {
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
         BaseEvent const* asBase = &original;
         BaseEvent* back = nullptr;
         quorl_testing::read(f, quorl_testing::write(f, asBase), back);
-        ASSERT_TRUE(back);
         std::unique_ptr<BaseEvent> owner(back);
-        auto const* typed = dynamic_cast<T const*>(back);
-        ASSERT_TRUE(typed) << "read back as another type";
+        ASSERT_TRUE(dynamic_cast<T const*>(back)) << "read back as another type";
         EXPECT_TRUE(*back == original);
-        EXPECT_EQ(typed->getText(), original.getText());
-        EXPECT_EQ(typed->getStreamType(), original.getStreamType());
-        EXPECT_EQ(typed->getRequestId(), original.getRequestId());
     }
-    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, original));
-    EXPECT_EQ(names, xmlNames);
 }
 
 } // namespace
@@ -71,6 +65,9 @@ void expectRoundTrips(T const& original, std::vector<std::string> const& xmlName
 TEST(TextEvents, CarryTheRequestIdOfTheContextThatMadeThem) {
     SinkTextEvent const outside(OutputStream, u"a");
     EXPECT_EQ(outside.getRequestId(), IDType(0, 0));
+    EXPECT_TRUE(outside == SinkTextEvent(OutputStream, u"a"));
+    EXPECT_FALSE(outside == SinkTextEvent(ErrorStream, u"a"));
+    EXPECT_FALSE(outside == SinkTextEvent(OutputStream, u"b"));
     IDType const request(7, 4242);
     std::unique_ptr<SinkTextEvent> inside;
     std::unique_ptr<TextBaseEvent> base;
@@ -85,7 +82,6 @@ TEST(TextEvents, CarryTheRequestIdOfTheContextThatMadeThem) {
     EXPECT_TRUE(inside->getText().empty());
     // A copy keeps the id of the original, wherever it is made.
     std::unique_ptr<BaseEvent> copy(inside->clone());
-    EXPECT_EQ(dynamic_cast<SinkTextEvent&>(*copy).getRequestId(), request);
     EXPECT_TRUE(*copy == *inside);
 
     EXPECT_TRUE(inside->isKindOf(u"quorl::io::TextBaseEvent"));
@@ -112,13 +108,8 @@ TEST(TextEvents, RoundTripInEveryFamilyKeepingTheSendersRequestId) {
     // Read inside another context with another id: the archive's id wins.
     ContextScope scope(Context::create("receiver"));
     RequestIdAdapter::setRequestId(IDType(5, 1));
-    // The base event's user tags and the id's own fields stand inside their pairs.
-    expectRoundTrips(*sink, {"object", "TextBaseEvent", "TextBaseEvent", "userTags", "count",
-                             "item_version", "TextBaseEvent-RequestId", "requestId", "origin",
-                             "serial", "stream", "text"});
-    expectRoundTrips(*base, {"object", "TextBaseEvent", "userTags", "count", "item_version",
-                             "TextBaseEvent-RequestId", "requestId", "origin", "serial", "stream",
-                             "text"});
+    expectRoundTrips(*sink);
+    expectRoundTrips(*base);
 }
 
 TEST(SinkTextEventBuffer, PublishesAtSyncAndWhenGrownPastTheLimit) {
