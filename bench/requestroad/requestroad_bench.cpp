@@ -5,7 +5,7 @@
 // with 10 and with 100,000 requests in flight. Last, the fixed per-request primitives alone.
 #include <bench/support/latch.hpp>
 #include <bench/support/plainworker.hpp>
-#include <host/host.hpp>
+#include <quorl/host/host.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/fcncmdrequest.hpp>

@@ -1,7 +1,7 @@
 // The library end to end in one process: the reference host runs an interpreter thread per
 // context; packaged tasks go to it through the distributor and come back through futures; one
 // request is cancelled while it waits in the queue, another while it runs.
-#include <host/host.hpp>
+#include <quorl/host/host.hpp>
 
 #include <quorl/quorl.hpp>
 

@@ -4,7 +4,7 @@
 // (a value, the request's error, a discard or broken_promise), every cancel must get a status,
 // and every continuation must run at most once, exactly once for a request that ended normally.
 // Bounded in count and in time.
-#include <host/host.hpp>
+#include <quorl/host/host.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/defaultdistributor.hpp>

@@ -3,7 +3,7 @@
 // completes with a PackagedTaskCompletedEvent that holds the function's result; a function that
 // throws completes with the event's RuntimeException form. Stateless; any interpreter thread.
 // A packet of another type gives std::invalid_argument.
-#include <host/packetrunner.hpp>
+#include <quorl/host/packetrunner.hpp>
 
 namespace quorl {
 namespace host {

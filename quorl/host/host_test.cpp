@@ -1,5 +1,5 @@
-#include <host/host.hpp>
-#include <host/packetexecution.hpp>
+#include <quorl/host/host.hpp>
+#include <quorl/host/packetexecution.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/defaultdistributor.hpp>

@@ -13,8 +13,8 @@
 // once only when called on this interpreter's own thread. stop() must not be called from the
 // interpreter's own thread (std::logic_error). Runners' exceptions never leave the thread: they
 // become failed completions.
-#include <host/packetexecution.hpp>
-#include <host/packetrunner.hpp>
+#include <quorl/host/packetexecution.hpp>
+#include <quorl/host/packetrunner.hpp>
 
 #include <quorl/cmddistributor/iip.hpp>
 #include <quorl/cmddistributor/whentodequeue.hpp>

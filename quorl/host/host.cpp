@@ -1,5 +1,5 @@
-#include <host/host.hpp>
-#include <host/packagedtaskrunner.hpp>
+#include <quorl/host/host.hpp>
+#include <quorl/host/packagedtaskrunner.hpp>
 
 #include <quorl/cmddistributor/iipcancelmessage.hpp>
 #include <quorl/cmddistributor/iipcancelreply.hpp>

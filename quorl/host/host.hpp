@@ -20,8 +20,8 @@
 // from an interpreter thread (std::logic_error). start() on a running host throws
 // std::logic_error. The installed functions run on the exchange's delivery threads (enqueue,
 // run-now), its unordered lane (cancel) and client threads (the query).
-#include <host/interpreter.hpp>
-#include <host/packetrunner.hpp>
+#include <quorl/host/interpreter.hpp>
+#include <quorl/host/packetrunner.hpp>
 
 #include <quorl/cmddistributor/iip.hpp>
 #include <quorl/cmddistributor/whentodequeue.hpp>

@@ -1,5 +1,5 @@
-#include <host/packagedtaskrunner.hpp>
-#include <host/packetexecution.hpp>
+#include <quorl/host/packagedtaskrunner.hpp>
+#include <quorl/host/packetexecution.hpp>
 
 #include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
 #include <quorl/cmddistributor/packagedtaskiip.hpp>

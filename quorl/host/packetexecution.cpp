@@ -1,5 +1,5 @@
-#include <host/packetexecution.hpp>
-#include <host/packetinterrupted.hpp>
+#include <quorl/host/packetexecution.hpp>
+#include <quorl/host/packetinterrupted.hpp>
 
 #include <quorl/cmddistributor/iipsinkevent.hpp>
 #include <quorl/utils/fennmutex.hpp>

@@ -1,5 +1,5 @@
-#include <host/interpreter.hpp>
-#include <host/packetinterrupted.hpp>
+#include <quorl/host/interpreter.hpp>
+#include <quorl/host/packetinterrupted.hpp>
 
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
 #include <quorl/cmddistributor/requestidadapter.hpp>
