@@ -16,10 +16,35 @@ set(QUORL_ARCHIVE_PCH
   <boost/serialization/string.hpp> <boost/serialization/vector.hpp>
   <boost/serialization/nvp.hpp> <boost/serialization/base_object.hpp>)
 
-# quorl_library(NAME SOURCES ... [DEPENDS ...] [PRIVATE_DEPENDS ...] [ARCHIVES] [EXPORT_NAME n])
-# A shared library with the project's defaults, alias quorl::NAME, installed and exported.
+# quorl_public_headers(FILES ...)
+# Installs public headers under the include path they have in the tree: platform/ and the
+# repository root are the two include roots. Headers not listed stay private to their library.
+function(quorl_public_headers)
+  cmake_parse_arguments(Q "" "" "FILES" ${ARGN})
+  foreach(f ${Q_FILES})
+    get_filename_component(abs ${f} ABSOLUTE BASE_DIR ${CMAKE_CURRENT_SOURCE_DIR})
+    if(NOT EXISTS ${abs})
+      message(FATAL_ERROR "public header ${abs} does not exist")
+    endif()
+    string(FIND "${abs}" "${PROJECT_SOURCE_DIR}/platform/" inPlatform)
+    if(inPlatform EQUAL 0)
+      file(RELATIVE_PATH rel ${PROJECT_SOURCE_DIR}/platform ${abs})
+    else()
+      file(RELATIVE_PATH rel ${PROJECT_SOURCE_DIR} ${abs})
+    endif()
+    get_filename_component(dir ${rel} DIRECTORY)
+    install(FILES ${abs} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir})
+  endforeach()
+endfunction()
+
+# quorl_library(NAME SOURCES ... [HEADERS ...] [DEPENDS ...] [PRIVATE_DEPENDS ...] [ARCHIVES]
+#               [EXPORT_NAME n])
+# A shared library with the project's defaults, alias quorl::NAME, installed and exported with
+# its public HEADERS.
 function(quorl_library name)
-  cmake_parse_arguments(Q "ARCHIVES;OBJECT" "EXPORT_NAME" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  cmake_parse_arguments(Q "ARCHIVES;OBJECT" "EXPORT_NAME"
+    "SOURCES;HEADERS;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  quorl_public_headers(FILES ${Q_HEADERS})
   if(Q_OBJECT)
     add_library(${name} OBJECT ${Q_SOURCES})
   else()
@@ -41,6 +66,17 @@ function(quorl_library name)
       ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
       RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()
+endfunction()
+
+# quorl_program(NAME SOURCES ... [DEPENDS ...])
+# An installed program: bin/NAME, finding the package's libraries in ../lib.
+function(quorl_program name)
+  cmake_parse_arguments(Q "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${Q_SOURCES})
+  target_link_libraries(${name} PRIVATE quorl_defs ${Q_DEPENDS})
+  quorl_warnings(${name})
+  set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endfunction()
 
 # quorl_test(NAME SOURCES ... [DEPENDS ...] [ARCHIVES] [LABELS ...] [TIMEOUT s])

@@ -15,6 +15,7 @@
 #include <fl/i18n/conversions.hpp>
 #include <fl/i18n/messagecatalog.hpp>
 #include <fl/i18n/ustring.hpp>
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/core/diag/terminate.hpp>
 #include <foundation/core/except/exception.hpp>
 #include <foundation/core/except/iuserexception.hpp>
@@ -51,6 +52,7 @@
 #include <foundation/msg_svc/exchange/routing.hpp>
 #include <foundation/msg_svc/exchange/transport.hpp>
 #include <foundation/msg_svc/serialization/archives.hpp>
+#include <foundation/msg_svc/serialization/optional.hpp>
 #include <foundation/msg_svc/serialization/serializable.hpp>
 #include <foundation/msg_svc/serialization/ustring.hpp>
 #include <foundation/msg_svc/shutdown/shutdown.hpp>

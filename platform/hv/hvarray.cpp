@@ -253,9 +253,10 @@ void requireNumericClass(hvClassID cls, const char* function) {
     }
 }
 
-template <class T> void storeAs(void* out, double value) {
-    T v = static_cast<T>(value);
-    std::memcpy(out, &v, sizeof v);
+// Takes the value already in its type: a saturated 64-bit integer does not survive a round
+// trip through double (its limit becomes 2^63 or 2^64, out of range).
+template <class T> void storeAs(void* out, T value) {
+    std::memcpy(out, &value, sizeof value);
 }
 
 // Converts with saturation for integers, so that no value is undefined behaviour.

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -135,6 +137,16 @@ TEST(HvArray, DimensionsElementsAndScalars) {
     EXPECT_EQ(hvGetScalar(HvArrayPtr(hvCreateNumericScalar(hvUINT8_CLASS, 300)).get()), 255.0);
     HvArrayPtr sat(hvCreateNumericScalar(hvINT32_CLASS, -1e12));
     EXPECT_EQ(hvGetScalar(sat.get()), -2147483648.0);
+    // 64-bit limits are stored exactly (they have no double of their own).
+    auto int64Of = [](double v) {
+        HvArrayPtr a(hvCreateNumericScalar(hvINT64_CLASS, v));
+        return *static_cast<const std::int64_t*>(hvGetReadOnlyData(a.get()));
+    };
+    EXPECT_EQ(int64Of(1e300), std::numeric_limits<std::int64_t>::max());
+    EXPECT_EQ(int64Of(-1e300), std::numeric_limits<std::int64_t>::lowest());
+    HvArrayPtr u64(hvCreateNumericScalar(hvUINT64_CLASS, 1e300));
+    EXPECT_EQ(*static_cast<const std::uint64_t*>(hvGetReadOnlyData(u64.get())),
+              std::numeric_limits<std::uint64_t>::max());
     HvArrayPtr empty = matrix::detail::create_numeric(hvDOUBLE_CLASS, 0, 1);
     EXPECT_EQ(dimsOf(empty.get()), (Dims{0, 1}));
     EXPECT_EQ(hvGetScalar(empty.get()), 0.0);

@@ -9,6 +9,7 @@
 // thread; records are completed on event threads (or an interpreter thread, through the bypass)
 // while clients cancel them. A record's cancel promise is fulfilled exactly once, always after
 // the request's own future.
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <quorl/cmddistributor/cmdrequest.hpp>
 #include <quorl/cmddistributor/promisedelegate.hpp>
 #include <quorl/cmddistributor/whentodequeue.hpp>

@@ -9,6 +9,7 @@
 //
 // CmdRequestTraits<R>::extractResult turns a completion event into the value of a request's
 // future; for CmdRequest it extracts nothing (a future of void).
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <quorl/cmddistributor/iip.hpp>
 
 #include <boost/core/noncopyable.hpp>

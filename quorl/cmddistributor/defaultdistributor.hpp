@@ -15,6 +15,7 @@
 // twice."; a failed submission reaches the request's future (or the caller, without one); an
 // exchange failure ends every tracked request with a RuntimeException of status 5; a shutdown
 // drops them (broken_promise).
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <mutex>
 #include <quorl/cmddistributor/cmddistributor.hpp>
 

@@ -88,13 +88,17 @@ std::string IIP::toString() const {
 }
 
 template <class Archive> void IIP::serializeExplicit(Archive& ar, unsigned int version) {
-    if (Archive::is_saving::value) {
+    if constexpr (Archive::is_saving::value) {
         if (version == 1) {
             int stream = static_cast<int>(streamID_);
             ar& boost::serialization::make_nvp("streamid", stream);
             ar& boost::serialization::make_nvp("plugintype", pluginType_);
-            SinkTraits out = getOutTraits();
-            SinkTraits err = getErrTraits();
+            // The packet's own traits objects, not copies on the stack: the archive tracks
+            // SinkTraits by address, and stack copies of two packets saved into one archive
+            // would share an address, so the second would be written as a reference to the
+            // first's.
+            SinkTraits const& out = getOutTraits();
+            SinkTraits const& err = getErrTraits();
             ar& boost::serialization::make_nvp("outtraits", out);
             ar& boost::serialization::make_nvp("errtraits", err);
         }

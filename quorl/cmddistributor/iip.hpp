@@ -10,6 +10,7 @@
 // Threads: the traits are guarded by a mutex; everything else is fixed after construction or
 // loading. Loading a packet whose type cannot be serialized throws
 // boost::archive::archive_exception (unregistered_cast).
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
 #include <quorl/cmddistributor/iqmstreamid.hpp>
 #include <quorl/io/sinktraits.hpp>

@@ -1,6 +1,7 @@
 #pragma once
 // IIPCancelReply: what the interpreter side did with a cancel. Immutable once made; shared as
 // boost::shared_ptr<IIPCancelReply const>.
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>
 
 #include <boost/thread/future.hpp>

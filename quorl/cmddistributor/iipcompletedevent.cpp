@@ -3,7 +3,7 @@
 #include <quorl/cmddistributor/iipcompletedevent.hpp>
 
 #include <boost/serialization/base_object.hpp>
-#include <boost/serialization/optional.hpp>
+#include <foundation/msg_svc/serialization/optional.hpp>
 
 namespace cmddistributor {
 

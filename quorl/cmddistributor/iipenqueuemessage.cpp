@@ -7,7 +7,7 @@
 #include <foundation/msg_svc/exchange/reply.hpp>
 
 #include <boost/serialization/base_object.hpp>
-#include <boost/serialization/optional.hpp>
+#include <foundation/msg_svc/serialization/optional.hpp>
 
 #include <atomic>
 #include <iomanip>

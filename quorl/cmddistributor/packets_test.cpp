@@ -10,6 +10,7 @@
 #include <cpp11compat/u16streams.hpp>
 
 #include <boost/make_shared.hpp>
+#include <boost/serialization/utility.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 using namespace cmddistributor;
 using foundation::msg_svc::exchange::IDType;
@@ -120,6 +122,23 @@ TEST(Packets, TraitsAreComputedLateAndCrossArchives) {
             EXPECT_EQ(e.code, boost::archive::archive_exception::unregistered_cast);
         }
     }
+    // Two packets in one archive keep their own traits: the second's differ from the first's
+    // and from a loaded packet's defaults.
+    PlainIIP plain(nullptr, nullptr);
+    ASSERT_EQ(plain.getOutTraits(), quorl::io::SinkTraits());
+    ASSERT_NE(iip.getOutTraits(), quorl::io::SinkTraits());
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        std::pair<IIP const*, IIP const*> pair(&plain, &iip);
+        std::pair<IIP*, IIP*> back(nullptr, nullptr);
+        quorl_testing::read(f, quorl_testing::write(f, pair), back);
+        std::unique_ptr<IIP> first(back.first), second(back.second);
+        ASSERT_TRUE(first && second);
+        EXPECT_EQ(first->getOutTraits(), plain.getOutTraits());
+        EXPECT_EQ(second->getOutTraits(), iip.getOutTraits());
+        EXPECT_EQ(second->getErrTraits(), iip.getErrTraits());
+    }
+
     auto names = quorl_testing::xmlElementNames(
         quorl_testing::write(Family::Xml, static_cast<IIP const&>(iip)));
     ASSERT_GE(names.size(), 5u);

@@ -12,6 +12,7 @@
 // (broken_promise) and releases a thread blocked in waitTillReady. A caller must not destroy
 // the delegate while another thread is about to enter waitTillReady (only one already blocked
 // in it is released safely).
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/core/memory/poolallocator.hpp>
 
 #include <boost/function.hpp>

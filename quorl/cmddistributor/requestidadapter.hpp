@@ -4,6 +4,9 @@
 // any context); the host sets the slot with setRequestId when it starts a request's work.
 // Events made earlier keep their id. No lock: the slot belongs to the context.
 #include <foundation/msg_svc/exchange/idtype.hpp>
+#include <foundation/msg_svc/serialization/serializable.hpp>
+
+#include <boost/serialization/export.hpp>
 
 namespace cmddistributor {
 

@@ -283,8 +283,9 @@ void RuntimeException::serializeExplicit(Archive& ar, unsigned int version) {
                 boost::archive::archive_exception::unsupported_class_version,
                 "cmddistributor::RuntimeException");
         CauseDepthGuard depth;
-        // Read into a record of this instance's own: copies made before keep theirs.
-        auto fresh = boost::make_shared<Data>();
+        // The fields go straight into the shared record: copies made before see what is read,
+        // so an archive is read into an instance of its own.
+        Data& data = *data_;
         std::string id;
         ustring message;
         int status = 0;
@@ -297,18 +298,16 @@ void RuntimeException::serializeExplicit(Archive& ar, unsigned int version) {
             ar& make_nvp("message", message);
         }
         ar& make_nvp("status", status);
-        ar& make_nvp("function", fresh->functionName);
-        ar& make_nvp("frames", fresh->frames);
-        ar& make_nvp("causes", fresh->causes);
-        boost::shared_ptr<AdditionalData> additional;
-        if (version >= 3)
-            ar& make_nvp("additionalData", additional);
-        fresh->status = static_cast<inExecutionStatus>(status);
-        fresh->messageId.reset(new MessageIdPairImpl(std::move(message), std::move(id)));
+        data.status = static_cast<inExecutionStatus>(status);
+        ar& make_nvp("function", data.functionName);
+        ar& make_nvp("frames", data.frames);
+        ar& make_nvp("causes", data.causes);
+        data.messageId.reset(new MessageIdPairImpl(std::move(message), std::move(id)));
         foundation::core::except::UserException::operator=(
             foundation::core::except::UserException());
-        data_ = fresh;
-        additionalData_ = additional;
+        additionalData_.reset();
+        if (version >= 3)
+            ar& make_nvp("additionalData", additionalData_);
     }
 }
 ZN_SERIALIZE_EXPLICIT(RuntimeException)

@@ -6,10 +6,10 @@
 // also a serializable value (written by value, inside IIPCompletedEvent).
 //
 // Ownership: all of the error lives in one Data record held by boost::shared_ptr; copies share
-// it, as they share the AdditionalData. Data never changes after construction: reading an
-// archive gives the instance a new Data record of its own, and copies made before keep the old
-// one. So a published RuntimeException may be read by any number of threads at once; one
-// instance must not be read from an archive while another thread uses it.
+// it, as they share the AdditionalData. Reading an archive writes the fields straight into that
+// shared record, so copies made before the read see what was read: read an archive into an
+// instance of its own (a default-constructed one). Otherwise Data never changes after
+// construction, and a published RuntimeException may be read by any number of threads at once.
 //
 // Passing through boost::exception_ptr: the class is a Boost clone_base, so
 // boost::current_exception() in a handler keeps the dynamic type, and clone()/rethrow() copy
@@ -26,6 +26,7 @@
 // convertStack throws std::invalid_argument for an array that is not a struct array or whose
 // fields do not hold text and numbers.
 #include <foundation/core/except/exception.hpp>
+#include <foundation/msg_svc/serialization/optional.hpp>
 #include <foundation/msg_svc/serialization/serializable.hpp>
 #include <quorl/cmddistributor/inexecutionstatus.hpp>
 
@@ -168,6 +169,7 @@ std::vector<RuntimeException::StackFrame> convertStack(hvArray const* stack);
 } // namespace cmddistributor
 
 ZN_SERIALIZATION_TRAITS(cmddistributor::RuntimeException, 4)
+ZN_OPTIONAL_WIRE_FORM(cmddistributor::RuntimeException)
 ZN_SERIALIZATION_TRAITS(cmddistributor::RuntimeException::StackFrame, 2)
 ZN_SERIALIZATION_TRAITS(cmddistributor::RuntimeException::AdditionalData, 0)
 BOOST_SERIALIZATION_ASSUME_ABSTRACT(cmddistributor::RuntimeException::AdditionalData)

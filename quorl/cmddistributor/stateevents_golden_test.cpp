@@ -84,6 +84,15 @@ TEST(StateEventGoldens, OldVersionsAreRead) {
         EXPECT_EQ(x->getExecutionStatus(), 2);
         EXPECT_TRUE(x->getException()->GetUnicodeMessageTxt().empty());
         EXPECT_TRUE(x->getException()->getStackFrames().empty());
+
+        // Version 2 as written before the optional gained its item version.
+        auto boostForm = readGolden("iipcompletedevent.v2.failure.optionalv1", f);
+        auto* b = dynamic_cast<IIPCompletedEvent*>(boostForm.get());
+        ASSERT_TRUE(b);
+        ASSERT_TRUE(b->getException());
+        EXPECT_EQ(b->getException()->GetID(), "golden:outer");
+        ASSERT_EQ(b->getException()->getCauses().size(), 1u);
+        EXPECT_EQ(b->getException()->getCauses()[0].GetID(), "golden:inner");
     }
 }
 

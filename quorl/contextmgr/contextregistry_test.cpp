@@ -4,7 +4,7 @@
 
 #include <foundation/usm/detail.hpp>
 
-#include <boost/serialization/optional.hpp>
+#include <foundation/msg_svc/serialization/optional.hpp>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -77,4 +77,31 @@ TEST(TarnID, WireFormIsOneNamedValue) {
     std::string xml = quorl_testing::write(Family::Xml, TarnID{42}, "tarnid");
     EXPECT_NE(xml.find("<TarnID>42</TarnID>"), std::string::npos) << xml;
     EXPECT_EQ(quorl_testing::xmlElementNames(xml), (std::vector<std::string>{"tarnid", "TarnID"}));
+
+    // An optional has class version 0 and writes the item version before its value; an empty
+    // one writes only the flag.
+    std::string const set =
+        quorl_testing::write(Family::Xml, boost::optional<TarnID>(TarnID{7}), "tarn");
+    EXPECT_NE(set.find("<tarn class_id=\"0\" tracking_level=\"0\" version=\"0\">"),
+              std::string::npos)
+        << set;
+    EXPECT_EQ(quorl_testing::xmlElementNames(set),
+              (std::vector<std::string>{"tarn", "initialized", "item_version", "value", "TarnID"}));
+    EXPECT_NE(set.find("<item_version>1</item_version>"), std::string::npos) << set;
+    EXPECT_EQ(quorl_testing::xmlElementNames(
+                  quorl_testing::write(Family::Xml, boost::optional<TarnID>(), "tarn")),
+              (std::vector<std::string>{"tarn", "initialized"}));
+    // The form of class version 1, without an item version, is read too.
+    std::string const older = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\" ?>\n"
+                              "<!DOCTYPE boost_serialization>\n"
+                              "<boost_serialization signature=\"serialization::archive\" "
+                              "version=\"18\">\n"
+                              "<tarn class_id=\"0\" tracking_level=\"0\" version=\"1\">"
+                              "<initialized>1</initialized>"
+                              "<value class_id=\"1\" tracking_level=\"0\" version=\"1\">"
+                              "<TarnID>8</TarnID></value></tarn>\n</boost_serialization>\n";
+    boost::optional<TarnID> olderBack;
+    quorl_testing::read(Family::Xml, older, olderBack, "tarn");
+    ASSERT_TRUE(olderBack);
+    EXPECT_EQ(olderBack->value, 8u);
 }

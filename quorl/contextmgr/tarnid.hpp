@@ -1,6 +1,7 @@
 #pragma once
 // TarnID: names a virtual-machine context (the owner of workspaces and arrays). Plain value;
 // compared for equality. Serialized as one unsigned 64-bit value named "TarnID".
+#include <foundation/msg_svc/serialization/optional.hpp>
 #include <foundation/msg_svc/serialization/serializable.hpp>
 
 #include <cstddef>
@@ -29,6 +30,7 @@ constexpr TarnID BlessedTarnID{1};
 } // namespace quorl
 
 ZN_SERIALIZATION_TRAITS(quorl::contextmgr::TarnID, 1)
+ZN_OPTIONAL_WIRE_FORM(quorl::contextmgr::TarnID)
 
 namespace std {
 template <> struct hash<quorl::contextmgr::TarnID> {

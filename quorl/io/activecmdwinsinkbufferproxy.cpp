@@ -94,13 +94,12 @@ void ActiveCmdWinSinkBufferProxy::setSink(boost::shared_ptr<VeldraSink> const& s
 }
 
 ActiveCmdWinSinkBufferProxy::int_type ActiveCmdWinSinkBufferProxy::overflow(int_type c) {
-    // The end-of-file value carries no unit (the character U+FFFF arrives as U+FFFD).
-    if (traits_type::eq_int_type(c, traits_type::eof()))
-        return traits_type::not_eof(c);
-    char16_t const unit = traits_type::to_char_type(c);
+    // Every value is written as one unit, the end-of-file value 0xffff too; since the answer
+    // 0xffff means failure, a unit of 0xffff or above is answered with 0.
+    char16_t const unit = static_cast<char16_t>(c);
     if (xsputn(&unit, 1) != 1)
         return traits_type::eof();
-    return c;
+    return c >= 0xffff ? 0 : c;
 }
 
 std::streamsize ActiveCmdWinSinkBufferProxy::xsputn(char16_t const* s, std::streamsize n) {

@@ -79,6 +79,11 @@ boost::shared_ptr<TestSink> newSink() {
     return boost::make_shared<TestSink>(boost::make_shared<RecordingBuffer>());
 }
 
+// Reaches a stream buffer's protected overflow through a pointer to the member.
+struct StreambufAccess : std::basic_streambuf<char16_t> {
+    static auto overflowMember() { return &StreambufAccess::overflow; }
+};
+
 std::streamsize put(VeldraSink const& proxy, std::u16string const& s) {
     return proxy.getUnicodeOutStreamBuffer()->sputn(s.data(),
                                                     static_cast<std::streamsize>(s.size()));
@@ -155,6 +160,11 @@ TEST(CmdWinSink, TextReachesTheMirrorsThenTheSinkAndEarlyTextComesFirst) {
         EXPECT_EQ(id, foundation::msg_svc::exchange::IDType(9, 1));
     EXPECT_EQ(mirrors.diary->str(), "one 2 thr\xc3\xa9"
                                     "e 4\xe2\x82\xac");
+
+    // overflow(0xffff) writes that unit like any other and answers 0 (sputc cannot pass it:
+    // it maps the unit to U+FFFD first).
+    EXPECT_EQ(((*out->getUnicodeOutStreamBuffer()).*StreambufAccess::overflowMember())(0xffff), 0);
+    EXPECT_EQ(sink->buffer->text.back(), char16_t(0xffff));
 
     // The error stream of the same context is separate.
     auto err = ActiveCmdWinSinkProxy::getInstance(ErrorStream);

@@ -10,6 +10,7 @@
 // destructor keep the function from running after the Impl is gone. An exception from the
 // function passes out of unregister() (a later call tries again) but is swallowed by the
 // destructor.
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/msg_svc/eventmgr/connection.hpp>
 #include <mutex>
 

@@ -13,6 +13,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -324,4 +326,28 @@ TEST(SerialLane, StopDiscardsTheRestOfARunningBatch) {
     EXPECT_EQ(ran, std::vector<int>{1});
     EXPECT_EQ(held.use_count(), 1); // the discarded jobs are gone
     EXPECT_FALSE(lane.post([] {}));
+}
+
+TEST(Exchange, UnnamedExchangesMadeAtOnceGetDistinctNames) {
+    // Two threads making unnamed exchanges at once: a generated name that repeats would make
+    // create() refuse the second exchange of that name.
+    constexpr int perThread = 100;
+    std::vector<boost::shared_ptr<ExchangeApi>> made[2];
+    std::promise<void> go;
+    std::shared_future<void> start = go.get_future().share();
+    auto maker = [&start](std::vector<boost::shared_ptr<ExchangeApi>>& into) {
+        start.wait();
+        for (int i = 0; i < perThread; ++i)
+            into.push_back(ExchangeApi::create(ExchangeConfig()));
+    };
+    auto a = std::async(std::launch::async, maker, std::ref(made[0]));
+    auto b = std::async(std::launch::async, maker, std::ref(made[1]));
+    go.set_value();
+    EXPECT_NO_THROW(a.get());
+    EXPECT_NO_THROW(b.get());
+    std::set<std::string> names;
+    for (auto const& list : made)
+        for (auto const& e : list)
+            names.insert(e->getExchangeName());
+    EXPECT_EQ(names.size(), made[0].size() + made[1].size());
 }

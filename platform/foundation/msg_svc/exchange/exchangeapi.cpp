@@ -47,7 +47,8 @@ std::set<std::string> liveNames; // guarded by namesMutex
 
 std::string generatedName() {
     static std::atomic<unsigned> n{0};
-    return "process:" + std::to_string(::getpid()) + (n++ ? "." + std::to_string(n.load()) : "");
+    unsigned const k = n++; // read once: two exchanges made at once get different names
+    return "process:" + std::to_string(::getpid()) + (k ? "." + std::to_string(k) : "");
 }
 
 // The exchange whose delivery thread the calling thread is, if any.

@@ -19,6 +19,7 @@
 // operation may be called from any thread. Owned through boost::shared_ptr; destroying an
 // exchange stops its threads, and deliveries not yet started are dropped, their futures failing
 // with broken_promise.
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/msg_svc/exchange/address.hpp>
 #include <foundation/msg_svc/exchange/message.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>

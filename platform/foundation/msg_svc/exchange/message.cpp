@@ -29,11 +29,15 @@ int makeOrigin() {
     int origin = static_cast<int>(mix & 0x7FFFFFFF);
     return origin == 0 ? 1 : origin;
 }
-int const processOrigin = makeOrigin();
+// Made at first use, so that an id made during another unit's static initialisation has it too.
+int processOrigin() {
+    static int const origin = makeOrigin();
+    return origin;
+}
 std::atomic<long long> nextSerial{1};
 } // namespace
 
-IDType::IDType() : origin_(processOrigin), serial_(nextSerial.fetch_add(1)) {}
+IDType::IDType() : origin_(processOrigin()), serial_(nextSerial.fetch_add(1)) {}
 
 std::string IDType::toString() const {
     return std::to_string(origin_) + ":" + std::to_string(serial_);

@@ -4,6 +4,7 @@
 // A boost::shared_mutex is used the other way round from its name: operations on one key take
 // it shared and rely on the hash map's bucket locks; operations on the whole table take it
 // exclusively. Keys need std::hash and operator==.
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/msg_svc/threadutil/concurrentmap.hpp>
 
 #include <foundation/core/memory/poolallocator.hpp>
