@@ -47,6 +47,8 @@ MatrixRefTable::~MatrixRefTable() {
 }
 
 RefTag MatrixRefTable::insertLocal(TarnID const& tarn, HvArrayPtr& array) {
+    if (!array)
+        return UndefinedRefTag;
     boost::lock_guard<boost::mutex> guard(lock_);
     auto known = tagsByArray_.find(array.get());
     if (known != tagsByArray_.end()) {
@@ -144,6 +146,9 @@ void MatrixRefTable::sendReleaseLocked(RemoteRefInfo const& info) {
     try {
         auto message = boost::make_shared<ReleaseRefMessage const>(info.remoteTag);
         exchange_->submit(message, Address(exchange->second, MatrixRefServiceAPI::serviceName));
+    } catch (std::exception const& e) {
+        ZN_LOG(log_, foundation::core::log::debug) << "release of tag " << info.remoteTag << " to "
+                                                   << exchange->second << " failed: " << e.what();
     } catch (...) {
     }
 }

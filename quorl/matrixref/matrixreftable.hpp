@@ -17,6 +17,7 @@
 // owner's array then lives until its context is cleared).
 #include <quorl/matrixref/matrixreference.hpp>
 
+#include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 
 #include <boost/shared_ptr.hpp>
@@ -46,7 +47,8 @@ public:
 
     // A local entry for `array`, count 1, taking the array out of the caller's pointer. If the
     // array already has an entry its count rises by 1 and `array` is left as it was: it then
-    // aliases the table's array, and the caller must release it rather than destroy it.
+    // aliases the table's array, and the caller must release it rather than destroy it. A null
+    // array gets no entry: UndefinedRefTag.
     RefTag insertLocal(contextmgr::TarnID const& tarn, HvArrayPtr& array);
     // One entry per (remoteTag, remoteTarn): a repeated arrival raises its count by 1.
     RefTag insertRemote(contextmgr::TarnID const& tarn, RefTag remoteTag,
@@ -94,6 +96,7 @@ private:
     std::unordered_map<std::pair<RefTag, contextmgr::TarnID>, RefTag, PairHash> tagsByRemote_;
     std::unordered_map<contextmgr::TarnID, std::string> exchangesByTarn_;
     boost::shared_ptr<foundation::msg_svc::exchange::ExchangeApi> exchange_;
+    foundation::core::log::diagnostic_logger log_{"matrixref::MatrixRefTable"};
 };
 
 } // namespace matrixref

@@ -92,13 +92,15 @@ TEST(MatrixRefTable, LocalEntriesCountAndHandOutTheirArray) {
     MatrixRefTable other(0, t.exchange);
     auto third = makeCounted();
     EXPECT_GT(other.insertLocal(S, third), next);
+    other.clearTable(false);
+    EXPECT_EQ(quorl_testing::countedFreed(), freed + 2);
 
     // Releasing more than the count removes the entry and destroys the array once.
     EXPECT_EQ(t.table.addReference(next), next);
     t.table.releaseTag(next, 5);
     EXPECT_FALSE(t.table.find(next));
     t.table.releaseTag(next, 1);
-    EXPECT_EQ(quorl_testing::countedFreed(), freed + 2);
+    EXPECT_EQ(quorl_testing::countedFreed(), freed + 3);
     EXPECT_TRUE(t.exchange->taken().empty()) << "local entries send nothing";
 }
 

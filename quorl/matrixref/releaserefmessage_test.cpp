@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <sstream>
 
@@ -25,7 +27,45 @@ public:
     std::vector<std::uint64_t> served;
 };
 
+// A golden archive of tests/golden/releaserefmessage, found from QUORL_SOURCE_DIR or, without
+// it, from this file's path.
+std::string golden(std::string const& suffix) {
+    std::string const here = __FILE__;
+    char const* root = std::getenv("QUORL_SOURCE_DIR");
+    std::string const path =
+        (root ? std::string(root) + "/" : here.substr(0, here.rfind("quorl/"))) +
+        "tests/golden/releaserefmessage/releaserefmessage.v1" + suffix;
+    std::ifstream is(path, std::ios::binary);
+    EXPECT_TRUE(is) << path;
+    std::ostringstream os;
+    os << is.rdbuf();
+    return os.str();
+}
+
 } // namespace
+
+TEST(ReleaseRefMessage, ReadsAndWritesItsGoldenArchives) {
+    ReleaseRefMessage const expected(4660);
+    struct Form {
+        char const* suffix;
+        Family plain, polymorphic;
+    };
+    for (Form form :
+         {Form{".txt", Family::Text, Family::PolyText}, Form{".xml", Family::Xml, Family::PolyXml},
+          Form{".bin", Family::Binary, Family::PolyBinary}}) {
+        SCOPED_TRACE(form.suffix);
+        std::string const bytes = golden(form.suffix);
+        for (Family f : {form.plain, form.polymorphic}) {
+            Message* back = nullptr;
+            quorl_testing::read(f, bytes, back);
+            std::unique_ptr<Message> owned(back);
+            ASSERT_TRUE(dynamic_cast<ReleaseRefMessage const*>(back));
+            EXPECT_TRUE(*back == expected);
+        }
+        Message const* asBase = &expected;
+        EXPECT_EQ(quorl_testing::write(form.plain, asBase), bytes) << "the form has changed";
+    }
+}
 
 TEST(ReleaseRefMessage, RoundTripsInEveryArchiveWithItsPairNames) {
     for (unsigned long long tag : {1ull, 42ull, std::numeric_limits<unsigned long long>::max()}) {
