@@ -110,6 +110,15 @@
 #include <quorl/io/streamtypeenum.hpp>
 #include <quorl/io/textbaseevent.hpp>
 #include <quorl/io/veldrasink.hpp>
+#include <quorl/matrixref/matrixref.hpp>
+#include <quorl/matrixref/matrixrefhandle.hpp>
+#include <quorl/matrixref/matrixreference.hpp>
+#include <quorl/matrixref/matrixrefservice.hpp>
+#include <quorl/matrixref/matrixrefserviceapi.hpp>
+#include <quorl/matrixref/matrixreftable.hpp>
+#include <quorl/matrixref/refpersistform.hpp>
+#include <quorl/matrixref/releaserefmessage.hpp>
+#include <quorl/matrixref/remoterefinfo.hpp>
 #include <quorl/utils/fennmutex.hpp>
 #include <quorl/utils/processutils.hpp>
 #include <quorl/utils/scopedfactoryregistration.hpp>
