@@ -12,6 +12,12 @@ namespace {
 std::atomic<bool> gantryRunning{false};
 } // namespace
 
+boost::exception_ptr const& alreadyCancelledExceptionPtr() {
+    static boost::exception_ptr const discarded =
+        boost::copy_exception(AlreadyCancelledException());
+    return discarded;
+}
+
 bool ifRunningGantry() {
     return gantryRunning.load(std::memory_order_relaxed);
 }
@@ -73,7 +79,9 @@ void CmdDistributor::RequestTracking::setValue(IIPCompletedEvent const& event) {
     if (continuation_)
         continuation_();
     CancelStatus const status =
-        event.getExecutionStatus() == 4 ? CancelEndedByStatus4 : CancelNotCancelled;
+        event.getExecutionStatus() == quorl::cmddistributor::ExecutionInterrupted
+            ? CancelEndedByStatus4
+            : CancelNotCancelled;
     cancelStatus_.store(status);
     answerCancel(status);
 }
@@ -83,12 +91,14 @@ void CmdDistributor::RequestTracking::setException(boost::exception_ptr const& e
         promise_->setException(exception);
     if (continuation_)
         continuation_();
-    bool cancelledBefore = false;
-    try {
-        boost::rethrow_exception(exception);
-    } catch (AlreadyCancelledException const&) {
-        cancelledBefore = true;
-    } catch (...) {
+    bool cancelledBefore = exception == alreadyCancelledExceptionPtr();
+    if (!cancelledBefore) {
+        try {
+            boost::rethrow_exception(exception);
+        } catch (AlreadyCancelledException const&) {
+            cancelledBefore = true;
+        } catch (...) {
+        }
     }
     if (cancelledBefore)
         cancelStatus_.store(CancelDone);

@@ -2,16 +2,29 @@
 
 #include <quorl/io/activecmdwinsinkproxy.hpp>
 
+#include <foundation/usm/detail.hpp>
+
 #include <boost/thread/locks.hpp>
 
 namespace cmddistributor {
 
+namespace {
+
+// The command window of the context the request is made in. Inside a context the proxy is bound
+// here, since its text is written later on an event thread, outside any context.
+boost::shared_ptr<quorl::io::VeldraSink> commandWindow(quorl::io::StreamTypeEnum stream) {
+    auto proxy = quorl::io::ActiveCmdWinSinkProxy::getInstance(stream);
+    if (foundation::usm::Detail<foundation::usm::scope::Tarn>::isRequiredContextActive())
+        proxy->getUnicodeOutStreamBuffer();
+    return proxy;
+}
+
+} // namespace
+
 CmdRequest::CmdRequest(IqmStreamID streamID, boost::shared_ptr<quorl::io::VeldraSink> const& out,
                        boost::shared_ptr<quorl::io::VeldraSink> const& err)
-    : outputSink_(out ? out
-                      : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::OutputStream)),
-      errorSink_(err ? err : quorl::io::ActiveCmdWinSinkProxy::getInstance(quorl::io::ErrorStream)),
-      streamID_(streamID) {}
+    : outputSink_(out ? out : commandWindow(quorl::io::OutputStream)),
+      errorSink_(err ? err : commandWindow(quorl::io::ErrorStream)), streamID_(streamID) {}
 
 CmdRequest::~CmdRequest() = default;
 

@@ -1,7 +1,8 @@
 #pragma once
 // CmdRequest: what a client hands to a CmdDistributor: the work (made into a packet on first
 // demand), its input stream, and the sinks its output goes to. A request that names no sink
-// writes to the active command window. Not copyable; shared through boost::shared_ptr. The
+// writes to the command window of the context it is made in (none when made outside any context,
+// and its text is then dropped). Not copyable; shared through boost::shared_ptr. The
 // distributor keeps it in its tracking record until the request ends.
 //
 // getIIP may be called from any thread; the packet is made once (double-checked under an upgrade

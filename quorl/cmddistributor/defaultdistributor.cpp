@@ -9,6 +9,7 @@
 #include <quorl/cmddistributor/iipsinkevent.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/eventmgr/tarnshutdownevent.hpp>
+#include <quorl/io/activecmdwinsinkproxy.hpp>
 #include <quorl/utils/fennmutex.hpp>
 
 #include <foundation/core/except/exception.hpp>
@@ -17,6 +18,7 @@
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/threadutil/concurrenttbbhashmap.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
+#include <foundation/usm/detail.hpp>
 
 #include <boost/make_shared.hpp>
 
@@ -142,6 +144,49 @@ std::string const& cachedLocalExchangeName() {
     return name;
 }
 
+std::string describeException(boost::exception_ptr const& error) {
+    try {
+        boost::rethrow_exception(error);
+    } catch (foundation::core::except::IUserException const& e) {
+        return e.GetMessageTxt();
+    } catch (std::exception const& e) {
+        return e.what();
+    } catch (...) {
+        return "communication failure";
+    }
+}
+
+RuntimeException communicationFailure(std::string const& message) {
+    // Any exception's text may hold malformed UTF-8: convert leniently.
+    return RuntimeException(quorl::cmddistributor::ExecutionCommunicationError,
+                            foundation::core::except::detail::widenLenient(message), std::string(),
+                            std::string(), {}, {});
+}
+
+// What a request's future reports for a failed enqueue: a RuntimeException as itself, a failure
+// of the exchange (unreachable, stopped, or the far end's refusal) as a communication failure,
+// anything else as it is.
+boost::exception_ptr asRequestFailure(boost::exception_ptr const& error) {
+    try {
+        boost::rethrow_exception(error);
+    } catch (RuntimeException const& e) {
+        return toExceptionPtr(e);
+    } catch (foundation::msg_svc::exchange::DeliveryError const& e) {
+        return toExceptionPtr(communicationFailure(e.what()));
+    } catch (...) {
+        return error;
+    }
+}
+
+// The failure of an enqueue that the exchange reports while submitWithHandler still runs, kept
+// for enqueueTracked on the same thread, which treats it as a submit that threw.
+struct FailedSubmission {
+    IDType id;
+    boost::exception_ptr error;
+    FailedSubmission* outer;
+};
+thread_local FailedSubmission* tlsFailedSubmission = nullptr;
+
 } // namespace
 
 // ---- Finding a distributor
@@ -248,11 +293,12 @@ void DefaultDistributor::subscribe() {
                     self->shutdown();
             }));
         auto local = quorl::eventmgr::createLocalEventMgr(boost::none);
-        localShutdownConnection_.assign(local->subscribe<quorl::eventmgr::TARNShutdownEvent>(
-            [weak](quorl::eventmgr::TARNShutdownEvent const&) {
-                if (auto self = weak.lock())
-                    self->shutdown();
-            }));
+        localShutdownConnection_.assign(quorl::eventmgr::createShutdownEventMgr()
+                                            ->subscribe<quorl::eventmgr::TARNShutdownEvent>(
+                                                [weak](quorl::eventmgr::TARNShutdownEvent const&) {
+                                                    if (auto self = weak.lock())
+                                                        self->shutdown();
+                                                }));
         typedef foundation::msg_svc::exchange::CommunicationErrorEvent CommErr;
         commErrorConnection_.assign(local->subscribe<CommErr>(
             [weak](CommErr const& e) {
@@ -292,12 +338,56 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     }
 
     try {
-        ExchangeApi::instance()->submit(makePooledBoostShared<IIPEnqueueMessage>(
-                                            iip, id, fennID_, tarnID_, eventMgr_, when, hasFuture),
-                                        address_);
+        if (!isLocal_ && !iip->canBeSerialized())
+            throw std::invalid_argument(
+                "a packet of plug-in type \"" + iip->getPluginType() +
+                "\" cannot be serialized, so it cannot be sent to exchange '" + exchangeName_ +
+                "'.");
+        // The exchange answers every enqueue: a failure at the far end (a packet it cannot decode,
+        // a deliver that throws) comes back to the record. A failure while submitting is caught
+        // here and goes the same way as a submit that throws.
+        FailedSubmission failedNow{id, boost::exception_ptr(), tlsFailedSubmission};
+        tlsFailedSubmission = &failedNow;
+        try {
+            ExchangeApi::instance()->submitWithHandler(
+                makePooledBoostShared<IIPEnqueueMessage>(iip, id, fennID_, tarnID_, eventMgr_, when,
+                                                         hasFuture),
+                address_, ExchangeApi::ReplyHandler(), deliveryFailedHandler(id));
+        } catch (...) {
+            tlsFailedSubmission = failedNow.outer;
+            throw;
+        }
+        tlsFailedSubmission = failedNow.outer;
+        if (failedNow.error)
+            boost::rethrow_exception(failedNow.error);
     } catch (...) {
         failSubmission(id);
     }
+}
+
+boost::function<void(boost::exception_ptr const&)>
+DefaultDistributor::deliveryFailedHandler(IDType const& id) {
+    boost::weak_ptr<DefaultDistributor> weak =
+        boost::static_pointer_cast<DefaultDistributor>(shared_from_this());
+    return [weak, id](boost::exception_ptr const& error) {
+        for (FailedSubmission* f = tlsFailedSubmission; f; f = f->outer) {
+            if (f->id == id) {
+                f->error = error; // still inside enqueueTracked on this thread
+                return;
+            }
+        }
+        if (auto self = weak.lock())
+            self->deliveryFailed(id, error);
+    };
+}
+
+void DefaultDistributor::deliveryFailed(IDType const& id, boost::exception_ptr const& error) {
+    auto record = tracking_->remove(id);
+    if (!record)
+        return;
+    ZN_LOG(log_, log::warning) << "the enqueue of request " << id.toString()
+                               << " failed: " << describeException(error);
+    (*record)->setException(asRequestFailure(error));
 }
 
 void DefaultDistributor::failSubmission(IDType const& id) {
@@ -306,13 +396,7 @@ void DefaultDistributor::failSubmission(IDType const& id) {
         return; // dropped: nobody is left to hear of it
     if (!(*record)->hasPromise())
         throw;
-    try {
-        throw;
-    } catch (RuntimeException const& e) {
-        (*record)->setException(toExceptionPtr(e));
-    } catch (...) {
-        (*record)->setException(boost::current_exception());
-    }
+    (*record)->setException(asRequestFailure(boost::current_exception()));
 }
 
 // ---- Handlers
@@ -332,7 +416,7 @@ void DefaultDistributor::cancelled(IDType const& id) {
     log::trace_scope scope(log_, "cancelled");
     ZN_LOG(log_, log::debug) << " id=" << id.toString();
     if (auto record = tracking_->remove(id))
-        (*record)->setException(boost::copy_exception(AlreadyCancelledException()));
+        (*record)->setException(alreadyCancelledExceptionPtr());
 }
 
 boost::shared_ptr<CmdRequest> DefaultDistributor::getRequest(IDType const& id) const {
@@ -349,6 +433,12 @@ void DefaultDistributor::sinkEvent(IIPSinkEvent const& event) {
                                                                        : request->getOutputSink();
     if (!sink)
         return;
+    if (auto const* proxy = dynamic_cast<quorl::io::ActiveCmdWinSinkProxy const*>(sink.get())) {
+        // A request made outside any context names no command window that could take its text.
+        if (!proxy->VeldraSink::getUnicodeOutStreamBuffer() &&
+            !foundation::usm::Detail<foundation::usm::scope::Tarn>::isRequiredContextActive())
+            return;
+    }
     if (auto const& buffer = sink->getUnicodeOutStreamBuffer()) {
         event.write(*buffer);
         sink->setDirty(true);
@@ -357,21 +447,8 @@ void DefaultDistributor::sinkEvent(IIPSinkEvent const& event) {
 
 void DefaultDistributor::communicationError(
     foundation::msg_svc::exchange::CommunicationErrorEvent const& event) {
-    std::string message;
-    try {
-        boost::rethrow_exception(event.getException());
-    } catch (foundation::core::except::IUserException const& e) {
-        message = e.GetMessageTxt();
-    } catch (std::exception const& e) {
-        message = e.what();
-    } catch (...) {
-        message = "communication failure";
-    }
-    // Any exception's text may hold malformed UTF-8: convert leniently.
-    RuntimeException const failure(quorl::cmddistributor::ExecutionCommunicationError,
-                                   foundation::core::except::detail::widenLenient(message),
-                                   std::string(), std::string(), {}, {});
-    boost::exception_ptr const failurePtr = toExceptionPtr(failure);
+    boost::exception_ptr const failurePtr =
+        toExceptionPtr(communicationFailure(describeException(event.getException())));
     while (tracking_->size() != 0) {
         std::vector<IDType> ids;
         ids.reserve(tracking_->size());
@@ -413,20 +490,20 @@ DefaultDistributor::cancelRequest(IDType const& id, bool interrupt) {
     Address const to(exchangeName_, Address::SpecializedQueues::unordered());
     auto reply = foundation::msg_svc::exchange::submitForReply<IIPCancelReply>(
         *ExchangeApi::instance(), boost::make_shared<IIPCancelMessage>(id, interrupt), to);
-    int status;
+    IIPCancelReply::CancelStatus status;
     {
         ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
         auto r = reply.get();
-        status = r ? static_cast<int>(r->getStatus()) : 0;
+        status = r ? r->getStatus() : IIPCancelReply::CancelNotFound;
     }
     switch (status) {
-    case 0:
+    case IIPCancelReply::CancelNotFound:
         record->cancelled(CancelNotFound);
         break;
-    case 1:
+    case IIPCancelReply::CancelNotCancelled:
         record->cancelled(CancelNotCancelled);
         break;
-    case 2: {
+    case IIPCancelReply::CancelAccepted: {
         // A request that ended before its cancel promise was installed is no longer in the map:
         // letting the record go here makes its destructor answer the cancel.
         record.reset();

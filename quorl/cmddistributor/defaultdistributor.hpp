@@ -12,20 +12,25 @@
 // because every completion path removes the record from the map before acting on it. The fenn
 // mutex is never taken here, only given up around blocking waits.
 // Failures: a repeated id throws std::logic_error "attempting to enqueue the same CmdRequest
-// twice."; a failed submission reaches the request's future (or the caller, without one); an
-// exchange failure ends every tracked request with a RuntimeException of status 5; a shutdown
-// drops them (broken_promise).
-#include <foundation/core/config/boostthreadversion.hpp>
-#include <mutex>
+// twice."; a packet that cannot be serialized, bound for another exchange, is refused with
+// std::invalid_argument and never sent. A failed submission reaches the request's future (or the
+// caller, without one); so does a failure at the receiving end (an undecodable message, a
+// deliver that throws), which also ends the request's tracking. An exchange failure ends every
+// tracked request with a RuntimeException of status 5; a shutdown drops them (broken_promise).
 #include <quorl/cmddistributor/cmddistributor.hpp>
 
+#include <foundation/core/config/boostthreadversion.hpp>
 #include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/msg_svc/eventmgr/connection.hpp>
 #include <foundation/msg_svc/exchange/address.hpp>
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/threadutil/concurrentmap.hpp>
 
+#include <boost/exception_ptr.hpp>
+#include <boost/function.hpp>
 #include <boost/thread/once.hpp>
+
+#include <mutex>
 
 namespace cmddistributor {
 
@@ -67,6 +72,10 @@ private:
     void shutdown();
     boost::shared_ptr<CmdRequest> getRequest(foundation::msg_svc::exchange::IDType const& id) const;
     void failSubmission(foundation::msg_svc::exchange::IDType const& id);
+    boost::function<void(boost::exception_ptr const&)>
+    deliveryFailedHandler(foundation::msg_svc::exchange::IDType const& id);
+    void deliveryFailed(foundation::msg_svc::exchange::IDType const& id,
+                        boost::exception_ptr const& error);
 
     std::unique_ptr<TrackingMap> tracking_;
     quorl::contextmgr::FennID fennID_;

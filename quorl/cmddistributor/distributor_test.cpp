@@ -9,12 +9,15 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/cmddistributor/iiprunnowmessage.hpp>
 #include <quorl/cmddistributor/iipsinkevent.hpp>
+#include <quorl/contextmgr/contextregistry.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/eventmgr/tarnshutdownevent.hpp>
 #include <quorl/utils/fennmutex.hpp>
+#include <quorl/utils/scopedfactoryregistration.hpp>
 
 #include <cpp11compat/u16streams.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/usm/context.hpp>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -52,10 +55,23 @@ protected:
     boost::shared_ptr<IIP> createIIP() override { return boost::make_shared<TestIIP>(); }
 };
 
+// A request whose packet may travel to another exchange.
+class TravellingRequest : public CmdRequest {
+public:
+    TravellingRequest() : CmdRequest(DefaultIqmStreamID, nullptr, nullptr) {}
+
+protected:
+    boost::shared_ptr<IIP> createIIP() override {
+        return boost::make_shared<IIP>("test", DefaultIqmStreamID, quorl::io::SinkTraits(),
+                                       quorl::io::SinkTraits());
+    }
+};
+
 } // namespace
 
 namespace cmddistributor {
 template <> struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> {};
+template <> struct CmdRequestTraits<TravellingRequest> : CmdRequestTraits<CmdRequest> {};
 } // namespace cmddistributor
 
 namespace {
@@ -342,7 +358,7 @@ TEST_F(Distributor, CommunicationErrorAndShutdown) {
     // with status 5, and the distributor stays usable.
     auto mgr = quorl::eventmgr::createLocalEventMgr(boost::none);
     auto d = CmdDistributor::create(nextFenn(), "unreachable-exchange", boost::none, mgr);
-    auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+    auto f = d->enqueueWithFuture(boost::make_shared<TravellingRequest>());
     try {
         f.get();
         FAIL() << "expected a communication failure";
@@ -350,16 +366,28 @@ TEST_F(Distributor, CommunicationErrorAndShutdown) {
         EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionCommunicationError);
         EXPECT_FALSE(e.GetUnicodeMessageTxt().empty());
     }
-    auto again = d->enqueueWithFuture(boost::make_shared<TestRequest>());
+    auto again = d->enqueueWithFuture(boost::make_shared<TravellingRequest>());
     EXPECT_THROW(again.get(), RuntimeException);
 
     // Shutdown drops tracked requests (broken_promise); later ones are sent but not tracked.
+    // The same event undoes a registration made inside an interpreter's context.
     auto local = CmdDistributor::instance(nextFenn());
     auto pending = local->enqueueWithFuture(boost::make_shared<TestRequest>());
     Arrival a = side.next();
-    auto session = quorl::eventmgr::createLocalEventMgr(boost::none);
-    session->notify<quorl::eventmgr::TARNShutdownEvent>(DeliverQueued);
-    session->flush();
+    std::atomic<int> undone{0};
+    auto target = boost::make_shared<int>(0);
+    std::unique_ptr<quorl::ScopedFactoryRegistration> registration;
+    std::thread([&] {
+        foundation::usm::ContextScope scope(foundation::usm::Context::create("interpreter"));
+        quorl::contextmgr::ContextRegistry::setIDs(FennID{7}, quorl::contextmgr::TarnID{7});
+        registration.reset(new quorl::ScopedFactoryRegistration(
+            boost::make_shared<quorl::ScopedFactoryRegistration::Impl>(
+                target, [&undone] { ++undone; }, true)));
+    }).join();
+    auto shutdownMgr = quorl::eventmgr::createShutdownEventMgr();
+    shutdownMgr->notify<quorl::eventmgr::TARNShutdownEvent>(DeliverQueued);
+    shutdownMgr->flush();
+    EXPECT_EQ(undone.load(), 1);
     EXPECT_THROW(pending.get(), boost::broken_promise);
     IDType const id;
     auto after = local->enqueueWithFuture(boost::make_shared<TestRequest>(), id);

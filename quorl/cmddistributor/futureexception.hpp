@@ -5,6 +5,8 @@
 //  - AlreadyCancelledException: a second cancel of one request, or a request discarded before
 //    it ran to its end.
 //  - WrongThreadException: a wait that could never end on the calling thread.
+#include <boost/exception_ptr.hpp>
+
 #include <exception>
 
 namespace cmddistributor {
@@ -25,5 +27,9 @@ class WrongThreadException : public FutureException {
 public:
     char const* what() const noexcept override { return "cmddistributor::WrongThreadException"; }
 };
+
+// One AlreadyCancelledException for every discarded request, made once: each copy made with
+// boost::copy_exception would cost a thrown exception.
+boost::exception_ptr const& alreadyCancelledExceptionPtr();
 
 } // namespace cmddistributor

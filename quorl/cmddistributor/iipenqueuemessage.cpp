@@ -4,6 +4,7 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
+#include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>
 
 #include <boost/serialization/base_object.hpp>
@@ -49,6 +50,14 @@ IIPEnqueueMessage::deliver(foundation::msg_svc::exchange::Routing const& routing
     boost::shared_ptr<IIP> iip = boost::const_pointer_cast<IIP>(iip_);
     if (DeliverFuncPtr f = deliverFunc.load())
         return f(routing, iip, iipId_, fennId_, tarnId_, eventMgr_, dequeueMode_, hasFuture_);
+    static std::atomic<bool> warned{false};
+    if (!warned.exchange(true)) {
+        static foundation::core::log::diagnostic_logger const log(
+            "cmddistributor::IIPEnqueueMessage");
+        ZN_LOG(log, foundation::core::log::warning)
+            << "no deliver function is installed (setDeliverFuncPtr): enqueued packets are "
+               "discarded (reported once per process)";
+    }
     auto manager = quorl::eventmgr::createLocalEventMgr(boost::optional<TarnID>());
     manager->notifyIfWatched<IIPDiscardedEvent>(foundation::msg_svc::eventmgr::DeliverQueued,
                                                 iipId_);

@@ -3,7 +3,8 @@
 // thread) passes everything to the enqueue handler the host installed with setDeliverFuncPtr.
 // With no handler installed the packet has nowhere to go: a discarded state event is published
 // for it (to whoever watches) and the default reply returned, so the client sees a discard and
-// not a hang. Immutable once submitted.
+// not a hang; the first such discard in the process logs a warning on the channel
+// "cmddistributor::IIPEnqueueMessage". Immutable once submitted.
 #include <quorl/cmddistributor/iip.hpp>
 #include <quorl/cmddistributor/whentodequeue.hpp>
 #include <quorl/contextmgr/fennid.hpp>

@@ -54,6 +54,10 @@ boost::shared_ptr<EventMgr> createLocalEventMgr(boost::optional<contextmgr::Tarn
     return boost::make_shared<EventMgrFront>(&fennMutexGetter, emIdOf(tarn));
 }
 
+boost::shared_ptr<EventMgr> createShutdownEventMgr() {
+    return createLocalEventMgr(boost::none);
+}
+
 boost::shared_ptr<EventMgr>
 createRemoteEventMgr(std::string const& exchange,
                      boost::optional<contextmgr::TarnID> const& localTarn,

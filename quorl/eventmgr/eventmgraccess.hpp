@@ -26,6 +26,10 @@ void setActiveEventMgr(boost::shared_ptr<EventMgr> manager);
 foundation::msg_svc::eventmgr::EmID emIdOf(boost::optional<contextmgr::TarnID> const& tarn);
 
 boost::shared_ptr<EventMgr> createLocalEventMgr(boost::optional<contextmgr::TarnID> const& tarn);
+// The local manager on which this process hears TARNShutdownEvent: the session's, whichever
+// context the caller is in. Distributors and ScopedFactoryRegistration both listen here, so one
+// shutdown event reaches all of them.
+boost::shared_ptr<EventMgr> createShutdownEventMgr();
 boost::shared_ptr<EventMgr>
 createRemoteEventMgr(std::string const& exchange,
                      boost::optional<contextmgr::TarnID> const& localTarn,

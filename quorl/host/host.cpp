@@ -176,8 +176,7 @@ boost::shared_ptr<Reply const> Host::cancel(IDType const& id, bool interrupt) {
             break;
         }
     }
-    return boost::make_shared<::cmddistributor::IIPCancelReply>(
-        static_cast<::cmddistributor::IIPCancelReply::CancelStatus>(outcome));
+    return boost::make_shared<::cmddistributor::IIPCancelReply>(outcome);
 }
 
 void Host::runNow(IDType const& id) {

@@ -14,7 +14,11 @@
 #include <quorl/cmddistributor/requestidadapter.hpp>
 #include <quorl/contextmgr/contextregistry.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
+#include <quorl/io/cmdwinhostaccess.hpp>
 #include <quorl/utils/fennmutex.hpp>
+
+#include <cpp11compat/u16streams.hpp>
+#include <foundation/usm/context.hpp>
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/future.hpp>
@@ -55,6 +59,47 @@ struct LoopRunner : quorl::host::PacketRunner {
         }
         return boost::make_shared<IIPCompletedEvent>(execution.getId(),
                                                      quorl::cmddistributor::ExecutionSuccess);
+    }
+};
+
+// A packet that writes ten chunks of 100 units ("AAA...", "BBB...", ...) and ends.
+struct WriteRunner : quorl::host::PacketRunner {
+    static ustring chunk(int k) { return ustring(100, static_cast<char16_t>(u'A' + k)); }
+    static ustring all() {
+        ustring text;
+        for (int k = 0; k < 10; ++k)
+            text += chunk(k);
+        return text;
+    }
+    boost::shared_ptr<IIPCompletedEvent> run(quorl::host::PacketExecution& execution) override {
+        for (int k = 0; k < 10; ++k)
+            execution.output(quorl::io::OutputStream, chunk(k));
+        return boost::make_shared<IIPCompletedEvent>(execution.getId(),
+                                                     quorl::cmddistributor::ExecutionSuccess);
+    }
+};
+
+class WriteRequest : public CmdRequest {
+public:
+    explicit WriteRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out)
+        : CmdRequest(UnsetIqmStreamID, out, nullptr) {}
+
+protected:
+    boost::shared_ptr<IIP> createIIP() override {
+        return boost::make_shared<IIP>("test_write", UnsetIqmStreamID, getOutputSink(),
+                                       getErrorSink());
+    }
+};
+
+boost::shared_ptr<CmdRequest> writeRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out) {
+    return boost::make_shared<WriteRequest>(out);
+}
+
+class StringSink : public quorl::io::VeldraSink {
+public:
+    StringSink() : VeldraSink(boost::make_shared<cpp11compat::u16stringbuf>()) {}
+    ustring text() const {
+        return static_cast<cpp11compat::u16stringbuf&>(*getUnicodeOutStreamBuffer()).str();
     }
 };
 
@@ -134,6 +179,7 @@ protected:
     void SetUp() override {
         loop = boost::make_shared<LoopRunner>();
         Host::registerRunner("test_loop", loop);
+        Host::registerRunner("test_write", boost::make_shared<WriteRunner>());
         Host::start();
     }
     void TearDown() override {
@@ -287,6 +333,37 @@ TEST_F(HostTest, OutputOfARunningPacketReachesTheRequestsOwnSinks) {
     loop->release = true;
     ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_NO_THROW(future.get());
+}
+
+TEST_F(HostTest, EveryRequestsOutputIsInItsSinkWhenItsFutureIsReady) {
+    // Completed through the bypass, on the interpreter thread, while the sink events travel on
+    // the event thread: 1,000 requests of 1,000 units each, all in flight at once.
+    auto distributor = CmdDistributor::instance(FennID{11});
+    std::vector<boost::shared_ptr<StringSink>> sinks;
+    std::vector<boost::unique_future<void>> futures;
+    for (int i = 0; i < 1000; ++i) {
+        sinks.push_back(boost::make_shared<StringSink>());
+        futures.push_back(distributor->enqueueWithFuture(writeRequest(sinks.back())));
+    }
+    ustring const expected = WriteRunner::all();
+    int complete = 0;
+    for (std::size_t i = 0; i < futures.size(); ++i) {
+        ASSERT_TRUE(futures[i].timed_wait(boost::posix_time::seconds(20)));
+        futures[i].get();
+        complete += sinks[i]->text() == expected;
+    }
+    EXPECT_EQ(complete, 1000) << "requests whose text was whole and in order when they ended";
+}
+
+TEST_F(HostTest, OutputOfARequestThatNamesNoSinkReachesTheCommandWindowOfItsContext) {
+    foundation::usm::ContextScope client(foundation::usm::Context::create("client"));
+    auto window = boost::make_shared<StringSink>();
+    quorl::io::CmdWinHostAccess::setCmdWinSink(quorl::io::OutputStream, window);
+    auto future = CmdDistributor::instance(FennID{12})->enqueueWithFuture(writeRequest(nullptr));
+    ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+    future.get();
+    EXPECT_EQ(window->text(), WriteRunner::all());
+    quorl::io::CmdWinHostAccess::setCmdWinSink(quorl::io::OutputStream, nullptr);
 }
 
 TEST_F(HostTest, RunNowRunsAQueuedPacketNestedOnTheCallingInterpreterThread) {

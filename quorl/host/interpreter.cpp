@@ -150,7 +150,7 @@ void Interpreter::runPacket(QueuedPacket const& packet,
         }
         rememberEnded(packet.id);
     }
-    complete(packet, event);
+    complete(packet, *execution, event);
 }
 
 boost::shared_ptr<IIPCompletedEvent> Interpreter::execute(QueuedPacket const& packet,
@@ -179,11 +179,21 @@ boost::shared_ptr<IIPCompletedEvent> Interpreter::execute(QueuedPacket const& pa
     }
 }
 
-void Interpreter::complete(QueuedPacket const& packet,
+void Interpreter::complete(QueuedPacket const& packet, PacketExecution const& execution,
                            boost::shared_ptr<IIPCompletedEvent> const& event) {
     try {
         auto const& bypass = packet.iip->getEventMgrBypass();
         if (bypass && *bypass) {
+            // The bypass overtakes the event thread: let the packet's sink events reach their
+            // sinks before its client hears that it ended (flush gives the fenn mutex up while it
+            // waits, for a nested run-now packet).
+            if (execution.hasWrittenOutput()) {
+                try {
+                    execution.getEventMgr()->flush();
+                } catch (std::exception const& e) {
+                    ZN_LOG(logger(), foundation::core::log::error) << "output flush: " << e.what();
+                }
+            }
             (*bypass)(*event);
             return;
         }

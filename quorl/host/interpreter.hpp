@@ -4,8 +4,10 @@
 // the packets queued on it one after another, each under the fenn mutex, by the PacketRunner of
 // the packet's plug-in type. For each packet it publishes the started state event, runs it, and
 // completes it: through the packet's EventMgrBypass when one is set (client in this process),
-// otherwise by publishing the completion on the packet's event manager. A packet that leaves the
-// queue without running (cancel, stop) is discarded the same way.
+// otherwise by publishing the completion on the packet's event manager. Either way the packet's
+// output reaches its client first: the completion event follows the sink events on the same
+// manager, and a completion through the bypass waits until they are delivered. A packet that leaves
+// the queue without running (cancel, stop) is discarded the same way.
 //
 // Ownership: the Host owns interpreters through shared pointers; an interpreter owns its thread,
 // its context and the queued packets. Threads: enqueue, cancel, runNow and stop may be called
@@ -17,6 +19,7 @@
 #include <quorl/host/packetrunner.hpp>
 
 #include <quorl/cmddistributor/iip.hpp>
+#include <quorl/cmddistributor/iipcancelreply.hpp>
 #include <quorl/cmddistributor/whentodequeue.hpp>
 #include <quorl/contextmgr/fennid.hpp>
 #include <quorl/contextmgr/tarnid.hpp>
@@ -56,8 +59,12 @@ public:
     typedef std::function<boost::shared_ptr<PacketRunner>(std::string const& pluginType)>
         RunnerLookup;
 
-    // What a cancel did, with the values of IIPCancelReply's status.
-    enum CancelOutcome { NotFound = 0, NotCancelled = 1, Cancelled = 2 };
+    // What a cancel did: the status that IIPCancelReply carries back, as it is.
+    typedef ::cmddistributor::IIPCancelReply::CancelStatus CancelOutcome;
+    static constexpr CancelOutcome NotFound = ::cmddistributor::IIPCancelReply::CancelNotFound;
+    static constexpr CancelOutcome NotCancelled =
+        ::cmddistributor::IIPCancelReply::CancelNotCancelled;
+    static constexpr CancelOutcome Cancelled = ::cmddistributor::IIPCancelReply::CancelAccepted;
     enum RunNowOutcome { NotQueued, RanHere, MovedToFront };
 
     // Starts the thread and returns once it is inside its context.
@@ -100,7 +107,7 @@ private:
     void runPacket(QueuedPacket const& packet, std::shared_ptr<PacketExecution> const& execution);
     boost::shared_ptr<::cmddistributor::IIPCompletedEvent> execute(QueuedPacket const& packet,
                                                                    PacketExecution& execution);
-    void complete(QueuedPacket const& packet,
+    void complete(QueuedPacket const& packet, PacketExecution const& execution,
                   boost::shared_ptr<::cmddistributor::IIPCompletedEvent> const& event);
     void discard(QueuedPacket const& packet);
     boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr>

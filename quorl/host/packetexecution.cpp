@@ -17,6 +17,7 @@ PacketExecution::PacketExecution(
     : id_(id), iip_(std::move(iip)), fennID_(fennID), eventMgr_(std::move(eventMgr)) {}
 
 void PacketExecution::output(io::StreamTypeEnum stream, ustring const& text) const {
+    wroteOutput_ = true;
     if (eventMgr_)
         eventMgr_->notifyIfWatched<::cmddistributor::IIPSinkEvent>(
             foundation::msg_svc::eventmgr::DeliverQueued, id_, stream, text);

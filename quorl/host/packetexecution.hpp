@@ -40,6 +40,8 @@ public:
 
     // Sends text of the packet to its client as an IIPSinkEvent (to whoever watches).
     void output(io::StreamTypeEnum stream, ustring const& text) const;
+    // Whether output() was called: the completion must then wait until that text is delivered.
+    bool hasWrittenOutput() const { return wroteOutput_; }
 
     // Throws PacketInterrupted if an interrupt was requested; otherwise gives the fenn mutex up
     // for a moment, so that waiting threads (and event handlers that need it) get their turn.
@@ -55,6 +57,7 @@ private:
     contextmgr::FennID fennID_;
     boost::shared_ptr<foundation::msg_svc::eventmgr::EventMgr> eventMgr_;
     std::atomic<bool> interrupt_{false};
+    mutable bool wroteOutput_ = false; // the interpreter thread's only
 };
 
 } // namespace host

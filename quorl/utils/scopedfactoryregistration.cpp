@@ -1,7 +1,6 @@
 #include <mutex>
 #include <quorl/utils/scopedfactoryregistration.hpp>
 
-#include <quorl/contextmgr/contextregistry.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/eventmgr/tarnshutdownevent.hpp>
 
@@ -44,13 +43,8 @@ bool ScopedFactoryRegistration::Impl::isUnregistered() const {
 }
 
 void ScopedFactoryRegistration::Impl::registerForTARNShutdownEvent() {
-    // The manager of the context the registration was made in; the session's outside one.
-    boost::optional<contextmgr::TarnID> tarn;
-    try {
-        tarn = contextmgr::ContextRegistry::getTarnID();
-    } catch (std::exception const&) {
-    }
-    auto manager = eventmgr::createLocalEventMgr(tarn);
+    // Where the distributors hear it too, whichever context the registration was made in.
+    auto manager = eventmgr::createShutdownEventMgr();
     record_->shutdownConnection.assign(
         manager->subscribe<eventmgr::TARNShutdownEvent>([this](eventmgr::TARNShutdownEvent const&) {
             try {

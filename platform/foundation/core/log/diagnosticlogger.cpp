@@ -44,6 +44,9 @@ struct Registry {
             applyEnvironment(env);
     }
 
+    // Items of QUORL_LOG that were not understood, for one warning once the registry exists.
+    std::string environmentProblems;
+
     Channel& channelLocked(std::string const& name) {
         auto& slot = channels[name];
         if (!slot) {
@@ -89,24 +92,33 @@ struct Registry {
             std::string item =
                 settings.substr(pos, comma == std::string::npos ? comma : comma - pos);
             std::size_t eq = item.find('=');
-            if (eq != std::string::npos) {
+            bool understood = false;
+            if (eq != std::string::npos && eq > 0) {
                 std::string name = item.substr(0, eq);
                 std::string level = item.substr(eq + 1);
                 unsigned mask = 0;
+                bool known = level == "off";
                 static char const* const names[] = {"trace",   "debug", "info",
                                                     "warning", "error", "fatal"};
                 for (unsigned i = 0; i < 6; ++i) {
-                    if (level == names[i])
+                    if (level == names[i]) {
                         mask = mask_from(static_cast<severity_level>(1u << i));
+                        known = true;
+                    }
                 }
-                if (name == "*") {
-                    setDefaultLocked(mask);
-                } else if (!name.empty()) {
-                    Channel& c = channelLocked(name);
-                    c.own = true;
-                    c.mask.store(mask, std::memory_order_relaxed);
+                if (known) {
+                    understood = true;
+                    if (name == "*") {
+                        setDefaultLocked(mask);
+                    } else {
+                        Channel& c = channelLocked(name);
+                        c.own = true;
+                        c.mask.store(mask, std::memory_order_relaxed);
+                    }
                 }
             }
+            if (!understood && !item.empty())
+                environmentProblems += (environmentProblems.empty() ? "\"" : ", \"") + item + "\"";
             if (comma == std::string::npos)
                 break;
             pos = comma + 1;
@@ -114,9 +126,30 @@ struct Registry {
     }
 };
 
+void emitTo(Registry& r, std::string const& channel, severity_level level,
+            std::string const& text) {
+    blog::record rec =
+        r.source.open_record((blog::keywords::channel = channel, blog::keywords::severity = level));
+    if (rec) {
+        blog::record_ostream strm(rec);
+        strm << text;
+        strm.flush();
+        r.source.push_record(std::move(rec));
+    }
+}
+
 Registry& registry() {
     // Never destroyed: loggers of static objects may log during process exit.
-    static Registry* r = new Registry;
+    static Registry* r = [] {
+        auto* made = new Registry;
+        // Whatever the masks say: whoever set QUORL_LOG wants to hear that it was not understood.
+        if (!made->environmentProblems.empty())
+            emitTo(*made, "foundation::core::log", warning,
+                   "QUORL_LOG: ignored " + made->environmentProblems +
+                       " (expected comma-separated channel=level items, level one of trace, "
+                       "debug, info, warning, error, fatal, off)");
+        return made;
+    }();
     return *r;
 }
 
@@ -185,15 +218,7 @@ std::atomic<unsigned> const* channelMask(std::string const& channel) {
 }
 
 void emit(std::string const& channel, severity_level level, std::string const& text) {
-    Registry& r = registry();
-    blog::record rec =
-        r.source.open_record((blog::keywords::channel = channel, blog::keywords::severity = level));
-    if (rec) {
-        blog::record_ostream strm(rec);
-        strm << text;
-        strm.flush();
-        r.source.push_record(std::move(rec));
-    }
+    emitTo(registry(), channel, level, text);
 }
 
 } // namespace detail

@@ -8,7 +8,8 @@
 // Masks: a channel without a mask of its own follows the default mask (errors and fatal ones
 // unless configured). The environment variable QUORL_LOG sets masks at first use, as
 // comma-separated `channel=level` items (`*` for the default), where level is one of
-// trace, debug, info, warning, error, fatal, off and means that level and above.
+// trace, debug, info, warning, error, fatal, off and means that level and above. Items that are
+// not understood are ignored, and one warning on the channel "foundation::core::log" names them.
 // Records go to Boost.Log's core; unless the program adds sinks of its own, a console sink on
 // std::clog writes "[channel] severity: text".
 //
