@@ -66,7 +66,9 @@ void LocalVariableProvider::updateCache(std::string const& name, Array const& va
     auto cached = cache_.find(name);
     if (cached == cache_.end()) {
         cache_.emplace(name, VariableValue(status, value));
-        names_.push_back(name);
+        // Names the holder sent are listed already without being cached: list each name once.
+        if (std::find(names_.begin(), names_.end(), name) == names_.end())
+            names_.push_back(name);
     } else {
         cached->second = VariableValue(status, value);
     }

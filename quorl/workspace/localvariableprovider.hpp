@@ -53,7 +53,8 @@ public:
     VariableCache const& getCache() const { return cache_; }
 
 private:
-    // Caches `value` under `name`; a name new to the cache also joins the names.
+    // Caches `value` under `name`; a name new to the cache also joins the names, unless they
+    // list it already.
     void updateCache(std::string const& name, foundation::extdata::Array const& value,
                      VariableStatus status);
 
