@@ -4,6 +4,10 @@
 // against them, in this process directly or from another process through the variable
 // messages. The client reads and changes the same variables with the plain operations below.
 //
+// Once a packet carrying it has been saved (sent to another process), the workspace is published
+// in the workspace store, which keeps it alive: a client that is done with it calls
+// WorkspaceHolder::workspaceDeleted(workspace), which also tells the serving exchanges.
+//
 // Status of a variable in getVariables: StatusValue when it exists, StatusAbsent (with an empty
 // array) when it does not. getVariable of a missing name gives an empty Array.
 //

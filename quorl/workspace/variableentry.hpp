@@ -11,9 +11,12 @@
 #include <boost/serialization/nvp.hpp>
 #include <boost/serialization/string.hpp>
 
+#include <iomanip>
+#include <ostream>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace quorl {
 namespace workspace {
@@ -27,6 +30,23 @@ typedef std::pair<VariableStatus, foundation::extdata::Array> VariableValue;
 typedef std::pair<std::string, VariableValue> VariableEntry;
 // Per name, the status and value last exchanged.
 typedef std::unordered_map<std::string, VariableValue> VariableCache;
+
+// Pointers to the characters of `names`, in order, as ICustomWorkspace takes names; valid while
+// `names` lives unchanged.
+inline std::vector<char const*> namePointers(std::vector<std::string> const& names) {
+    std::vector<char const*> pointers;
+    pointers.reserve(names.size());
+    for (auto const& n : names)
+        pointers.push_back(n.c_str());
+    return pointers;
+}
+
+// The "varNames: " line of a message's text form and one line per name under it.
+inline void writeNameLines(std::ostream& os, int indent, std::vector<std::string> const& names) {
+    os << std::setw(indent + 2) << ' ' << "varNames: " << std::endl;
+    for (auto const& n : names)
+        os << std::setw(indent + 4) << ' ' << n << std::endl;
+}
 
 } // namespace workspace
 } // namespace quorl

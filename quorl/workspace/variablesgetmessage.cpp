@@ -28,10 +28,7 @@ VariablesGetMessage::~VariablesGetMessage() = default;
 boost::shared_ptr<Reply const>
 VariablesGetMessage::deliver(foundation::msg_svc::exchange::Routing const&) const {
     std::vector<std::string> const names = varNames_;
-    std::vector<char const*> pointers;
-    pointers.reserve(names.size());
-    for (auto const& n : names)
-        pointers.push_back(n.c_str());
+    std::vector<char const*> const pointers = namePointers(names);
     auto workspace = WorkspaceHolder::getStoredClientWorkspace(wsId_);
     if (!workspace)
         return boost::make_shared<VariablesGetReply const>();
@@ -70,9 +67,7 @@ VariablesGetMessage::processGetValues(foundation::extdata::array::VariableInfo c
 std::ostream& VariablesGetMessage::toString(std::ostream& os, int indent) const {
     Message::toString(os, indent);
     os << std::setw(indent + 2) << ' ' << "wsID: " << wsId_.toString() << std::endl;
-    os << std::setw(indent + 2) << ' ' << "varNames: " << std::endl;
-    for (auto const& n : varNames_)
-        os << std::setw(indent + 4) << ' ' << n << std::endl;
+    writeNameLines(os, indent, varNames_);
     return os;
 }
 

@@ -2,7 +2,7 @@
 
 #include <quorl/workspace/variablessetmessage.hpp>
 
-#include <quorl/cmddistributor/dataarraypayload.hpp>
+#include <quorl/workspace/variableentry.hpp>
 #include <quorl/workspace/workspaceholder.hpp>
 
 #include <foundation/msg_svc/exchange/reply.hpp>
@@ -47,11 +47,7 @@ VariablesSetMessage::deliver(foundation::msg_svc::exchange::Routing const&) cons
     if (!workspace)
         return Reply::defaultReply();
     if (opCode_ == VAR_SET) {
-        std::vector<char const*> pointers;
-        pointers.reserve(varNames_.size());
-        for (auto const& n : varNames_)
-            pointers.push_back(n.c_str());
-        workspace->setVariables(std::move(pointers), data_);
+        workspace->setVariables(namePointers(varNames_), data_);
     } else if (opCode_ == VAR_CLEAR) {
         for (auto const& n : varNames_)
             workspace->clearVariable(n.c_str());
@@ -63,9 +59,7 @@ std::ostream& VariablesSetMessage::toString(std::ostream& os, int indent) const 
     Message::toString(os, indent);
     os << std::setw(indent + 2) << ' ' << "wsID: " << wsId_.toString() << std::endl;
     os << std::setw(indent + 2) << ' ' << "OpCode: " << opCodeName(opCode_) << std::endl;
-    os << std::setw(indent + 2) << ' ' << "varNames: " << std::endl;
-    for (auto const& n : varNames_)
-        os << std::setw(indent + 4) << ' ' << n << std::endl;
+    writeNameLines(os, indent, varNames_);
     return os;
 }
 

@@ -46,10 +46,7 @@ void WorkspaceHolder::saveClientWorkspace() {
 }
 
 void WorkspaceHolder::populateCache(std::vector<std::string> const& names) {
-    std::vector<char const*> pointers;
-    for (auto const& n : names)
-        pointers.push_back(n.c_str());
-    auto info = clientWorkspace_->getVariables(pointers);
+    auto info = clientWorkspace_->getVariables(namePointers(names));
     for (std::size_t i = 0; i < names.size(); ++i)
         cache_.insert(std::make_pair(names[i], VariableValue(info.getStatus(i), info.getValue(i))));
 }
