@@ -3,6 +3,13 @@
 // in messages. A list is "NoOfElement" and then, per array, "PayLoadLength" and that many bytes
 // made by the data-array serialization service, written by the archive's binary operation; a
 // single array is one "PayLoadLength" and its bytes. The same in every archive family.
+// A foundation::extdata::Array field (`ar & make_nvp("value", array)`) takes the single form.
+//
+// In text and XML the bytes go through the archive's own binary encoding (base64), whose reader
+// stops at the first white space after the bytes. In XML only the end of an enclosing element is
+// sure to put one there, so a payload must be written inside an element: every class body and
+// every Array field is one; a payload written straight at the top of an XML archive does not
+// read back.
 //
 // Stateless; any thread. Both directions first look up the service and raise std::runtime_error
 // "Missing Veldra Data Array serialization support." without it, before touching the archive.
@@ -11,7 +18,10 @@
 // Array and ends a list at once.
 #include <quorl/cmddistributor/veldradataarrayserializationservice.hpp>
 
+#include <boost/serialization/level.hpp>
 #include <boost/serialization/nvp.hpp>
+#include <boost/serialization/split_free.hpp>
+#include <boost/serialization/tracking.hpp>
 
 #include <cstdint>
 #include <memory>
@@ -107,3 +117,27 @@ private:
 
 } // namespace cmddistributor
 } // namespace quorl
+
+namespace boost {
+namespace serialization {
+
+template <class Archive>
+void save(Archive& ar, foundation::extdata::Array const& array, unsigned int) {
+    quorl::cmddistributor::DataArrayPayload::saveOne(ar, array);
+}
+
+template <class Archive> void load(Archive& ar, foundation::extdata::Array& array, unsigned int) {
+    array = quorl::cmddistributor::DataArrayPayload::loadOne(ar);
+}
+
+template <class Archive>
+void serialize(Archive& ar, foundation::extdata::Array& array, unsigned int version) {
+    split_free(ar, array, version);
+}
+
+} // namespace serialization
+} // namespace boost
+
+// An Array field is its payload form alone: no class information, never tracked.
+BOOST_CLASS_IMPLEMENTATION(foundation::extdata::Array, boost::serialization::object_serializable)
+BOOST_CLASS_TRACKING(foundation::extdata::Array, boost::serialization::track_never)

@@ -1,5 +1,6 @@
 #include <mutex>
 #include <quorl/cmddistributor/defaultdistributor.hpp>
+#include <quorl/cmddistributor/evaliip.hpp>
 #include <quorl/cmddistributor/futureexception.hpp>
 #include <quorl/cmddistributor/iipcancelmessage.hpp>
 #include <quorl/cmddistributor/iipcancelreply.hpp>
@@ -335,6 +336,13 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     if (!shuttingDown_.load()) {
         if (!tracking_->insert(std::make_pair(id, shared)))
             throw std::logic_error("attempting to enqueue the same CmdRequest twice.");
+    }
+
+    // An eval packet bound for another exchange tells its workspace holder where it goes and
+    // where the client's workspace is served, so the far interpreter can reach back to it.
+    if (!isLocal_) {
+        if (auto* eval = dynamic_cast<EvalIIP*>(iip.get()))
+            eval->setExchangeNames(exchangeName_, localExchangeName_);
     }
 
     try {
