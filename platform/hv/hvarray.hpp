@@ -332,6 +332,8 @@ hvArray* hvCreateStringObjectArray(std::size_t ndim, const std::size_t* dims,
                                    const char* const* utf8);
 // Element `index` of a string array.
 ustring hvGetStringElement(const hvArray* array, std::size_t index);
+// Sets element `index` of a string array (copy on write as for other data).
+void hvSetStringElement(hvArray* array, std::size_t index, const ustring& text);
 
 // Shows the array as text through utPrintf under `name` (null: no name). Objects and opaque
 // arrays whose class has a "disp" method are shown by it.

@@ -607,6 +607,20 @@ hvArray* hvCreateStringObjectArray(std::size_t ndim, const std::size_t* dims,
     return array.release();
 }
 
+void hvSetStringElement(hvArray* array, std::size_t index, const ustring& text) {
+    requireArray(array, "hvSetStringElement");
+    if (!isStringArray(array)) {
+        badClass(array, "hvSetStringElement", "a string array");
+    }
+    if (index >= array->data->strings.size()) {
+        throw std::out_of_range("hvSetStringElement: element " + std::to_string(index) +
+                                " is beyond the " + std::to_string(array->data->strings.size()) +
+                                " elements");
+    }
+    makeWritable(array);
+    array->data->strings[index] = text;
+}
+
 ustring hvGetStringElement(const hvArray* array, std::size_t index) {
     requireArray(array, "hvGetStringElement");
     if (!isStringArray(array)) {

@@ -1,0 +1,1 @@
+#include <quorl/language/interpreter.hpp>
