@@ -107,9 +107,9 @@ std::size_t product(std::vector<std::size_t> const& d) {
 
 hvClassID classFromName(std::string const& n) {
     static const std::pair<char const*, hvClassID> names[] = {
-        {"double", hvDOUBLE_CLASS}, {"single", hvSINGLE_CLASS}, {"int8", hvINT8_CLASS},
-        {"uint8", hvUINT8_CLASS},   {"int16", hvINT16_CLASS},   {"uint16", hvUINT16_CLASS},
-        {"int32", hvINT32_CLASS},   {"uint32", hvUINT32_CLASS}, {"int64", hvINT64_CLASS},
+        {"double", hvDOUBLE_CLASS}, {"single", hvSINGLE_CLASS},   {"int8", hvINT8_CLASS},
+        {"uint8", hvUINT8_CLASS},   {"int16", hvINT16_CLASS},     {"uint16", hvUINT16_CLASS},
+        {"int32", hvINT32_CLASS},   {"uint32", hvUINT32_CLASS},   {"int64", hvINT64_CLASS},
         {"uint64", hvUINT64_CLASS}, {"logical", hvLOGICAL_CLASS}, {"char", hvCHAR_CLASS}};
     for (auto const& p : names) {
         if (n == p.first) {
@@ -197,8 +197,7 @@ std::size_t reduceDim(Value const& v, Args const& a, std::size_t at) {
 
 // Walks the vectors of `v` along dimension k: fn(values, outIndexBase...) style callback gets
 // each vector's element positions.
-template <class F>
-void alongDim(std::vector<std::size_t> d, std::size_t k, F fn) {
+template <class F> void alongDim(std::vector<std::size_t> d, std::size_t k, F fn) {
     if (k >= d.size()) {
         d.resize(k + 1, 1);
     }
@@ -638,9 +637,8 @@ BUILTIN(bi_linspace) {
 
 BUILTIN(bi_repmat) {
     needArgs(a, 2, 3, "repmat");
-    std::vector<std::size_t> reps = a.size() == 3
-                                        ? std::vector<std::size_t>{sizeArg(a[1]), sizeArg(a[2])}
-                                        : dimsArgs(a, 1);
+    std::vector<std::size_t> reps =
+        a.size() == 3 ? std::vector<std::size_t>{sizeArg(a[1]), sizeArg(a[2])} : dimsArgs(a, 1);
     Value const& v = a[0];
     std::size_t m = v.rows(), n = v.cols();
     if (v.dims().size() > 2 || reps.size() > 2) {
@@ -770,8 +768,9 @@ BUILTIN(bi_rmfield) {
     if (!a[0].isStruct()) {
         bad("rmfield needs a struct.");
     }
-    std::vector<std::string> names =
-        a[1].isCell() ? cellTexts(a[1], "rmfield") : std::vector<std::string>{textArg(a[1], "rmfield")};
+    std::vector<std::string> names = a[1].isCell()
+                                         ? cellTexts(a[1], "rmfield")
+                                         : std::vector<std::string>{textArg(a[1], "rmfield")};
     Value r = a[0];
     for (std::string const& n : names) {
         int f = hvGetFieldNumber(r.hv(), n.c_str());
@@ -828,26 +827,29 @@ BUILTIN(bi_sum) {
 
 BUILTIN(bi_prod) {
     needArgs(a, 1, 2, "prod");
-    out.push_back(reduce(a[0], reduceDim(a[0], a, 1), 1.0, [](double s, double x) { return s * x; }));
+    out.push_back(
+        reduce(a[0], reduceDim(a[0], a, 1), 1.0, [](double s, double x) { return s * x; }));
 }
 
 BUILTIN(bi_mean) {
     needArgs(a, 1, 2, "mean");
-    out.push_back(reduce(a[0], reduceDim(a[0], a, 1), 0.0,
-                         [](double s, double x) { return s + x; }, false, true));
+    out.push_back(reduce(
+        a[0], reduceDim(a[0], a, 1), 0.0, [](double s, double x) { return s + x; }, false, true));
 }
 
 BUILTIN(bi_any) {
     needArgs(a, 1, 2, "any");
-    out.push_back(reduce(a[0], reduceDim(a[0], a, 1), 0.0,
-                         [](double s, double x) { return (s != 0 || (x != 0 && !std::isnan(x))) ? 1.0 : 0.0; },
-                         true));
+    out.push_back(reduce(
+        a[0], reduceDim(a[0], a, 1), 0.0,
+        [](double s, double x) { return (s != 0 || (x != 0 && !std::isnan(x))) ? 1.0 : 0.0; },
+        true));
 }
 
 BUILTIN(bi_all) {
     needArgs(a, 1, 2, "all");
-    out.push_back(reduce(a[0], reduceDim(a[0], a, 1), 1.0,
-                         [](double s, double x) { return (s != 0 && x != 0) ? 1.0 : 0.0; }, true));
+    out.push_back(reduce(
+        a[0], reduceDim(a[0], a, 1), 1.0,
+        [](double s, double x) { return (s != 0 && x != 0) ? 1.0 : 0.0; }, true));
 }
 
 BUILTIN(bi_cumsum) {
@@ -935,7 +937,7 @@ BUILTIN(bi_min) {
 #define MATH1(name, expr)                                                                          \
     BUILTIN(bi_##name) {                                                                           \
         needArgs(a, 1, 1, #name);                                                                  \
-        out.push_back(mapNumeric(a[0], [](double x) { return expr; }));                           \
+        out.push_back(mapNumeric(a[0], [](double x) { return expr; }));                            \
     }
 
 MATH1(abs, std::fabs(x))
@@ -994,9 +996,8 @@ BUILTIN(bi_mod) {
 
 BUILTIN(bi_rem) {
     needArgs(a, 2, 2, "rem");
-    out.push_back(map2(a[0], a[1], [](double x, double y) {
-        return y == 0 ? x : x - std::trunc(x / y) * y;
-    }));
+    out.push_back(map2(a[0], a[1],
+                       [](double x, double y) { return y == 0 ? x : x - std::trunc(x / y) * y; }));
 }
 
 BUILTIN(bi_power) {
@@ -1094,7 +1095,9 @@ BUILTIN(bi_sort) {
         std::stable_sort(order.begin(), order.end(), [&](std::size_t p, std::size_t q) {
             double u = at(p), w = at(q);
             if (std::isnan(u) || std::isnan(w)) {
-                return !std::isnan(u) && std::isnan(w) ? !descend : (std::isnan(u) && !std::isnan(w) ? descend : false);
+                return !std::isnan(u) && std::isnan(w)
+                           ? !descend
+                           : (std::isnan(u) && !std::isnan(w) ? descend : false);
             }
             return descend ? u > w : u < w;
         });
@@ -1313,7 +1316,8 @@ BUILTIN(bi_num2str) {
 
 BUILTIN(bi_int2str) {
     needArgs(a, 1, 1, "int2str");
-    out.push_back(Value::text(num2str(mapNumeric(a[0], [](double x) { return std::round(x); }), "")));
+    out.push_back(
+        Value::text(num2str(mapNumeric(a[0], [](double x) { return std::round(x); }), "")));
 }
 
 double parseDouble(std::string t) {
@@ -1350,7 +1354,8 @@ BUILTIN(bi_str2double) {
     if (v.isCell() || (v.isStringObject() && v.numel() != 1)) {
         std::vector<double> d;
         for (std::size_t i = 0; i < v.numel(); ++i) {
-            Value e = v.isCell() ? cellAt(v, i) : Value::text(toUtf8(hvGetStringElement(v.hv(), i)));
+            Value e =
+                v.isCell() ? cellAt(v, i) : Value::text(toUtf8(hvGetStringElement(v.hv(), i)));
             d.push_back(e.isText() ? parseDouble(e.str()) : nan());
         }
         out.push_back(makeDoubleArray(v.dims(), d));
@@ -1532,51 +1537,63 @@ template <class F> Value mapTexts(Value const& v, F fn, char const* name) {
 
 BUILTIN(bi_upper) {
     needArgs(a, 1, 1, "upper");
-    out.push_back(mapTexts(a[0], [](std::string s) {
-        std::transform(s.begin(), s.end(), s.begin(), ::toupper);
-        return s;
-    }, "upper"));
+    out.push_back(mapTexts(
+        a[0],
+        [](std::string s) {
+            std::transform(s.begin(), s.end(), s.begin(), ::toupper);
+            return s;
+        },
+        "upper"));
 }
 
 BUILTIN(bi_lower) {
     needArgs(a, 1, 1, "lower");
-    out.push_back(mapTexts(a[0], [](std::string s) {
-        std::transform(s.begin(), s.end(), s.begin(), ::tolower);
-        return s;
-    }, "lower"));
+    out.push_back(mapTexts(
+        a[0],
+        [](std::string s) {
+            std::transform(s.begin(), s.end(), s.begin(), ::tolower);
+            return s;
+        },
+        "lower"));
 }
 
 BUILTIN(bi_strtrim) {
     needArgs(a, 1, 1, "strtrim");
-    out.push_back(mapTexts(a[0], [](std::string s) {
-        std::size_t b = s.find_first_not_of(" \t\n\r\v\f");
-        if (b == std::string::npos) {
-            return std::string();
-        }
-        std::size_t e = s.find_last_not_of(" \t\n\r\v\f");
-        return s.substr(b, e - b + 1);
-    }, "strtrim"));
+    out.push_back(mapTexts(
+        a[0],
+        [](std::string s) {
+            std::size_t b = s.find_first_not_of(" \t\n\r\v\f");
+            if (b == std::string::npos) {
+                return std::string();
+            }
+            std::size_t e = s.find_last_not_of(" \t\n\r\v\f");
+            return s.substr(b, e - b + 1);
+        },
+        "strtrim"));
 }
 
 BUILTIN(bi_strrep) {
     needArgs(a, 3, 3, "strrep");
     std::string from = textArg(a[1], "strrep"), to = textArg(a[2], "strrep");
-    out.push_back(mapTexts(a[0], [&](std::string s) {
-        if (from.empty()) {
-            return s;
-        }
-        std::string r;
-        std::size_t i = 0;
-        while (i < s.size()) {
-            if (s.compare(i, from.size(), from) == 0) {
-                r += to;
-                i += from.size();
-            } else {
-                r += s[i++];
+    out.push_back(mapTexts(
+        a[0],
+        [&](std::string s) {
+            if (from.empty()) {
+                return s;
             }
-        }
-        return r;
-    }, "strrep"));
+            std::string r;
+            std::size_t i = 0;
+            while (i < s.size()) {
+                if (s.compare(i, from.size(), from) == 0) {
+                    r += to;
+                    i += from.size();
+                } else {
+                    r += s[i++];
+                }
+            }
+            return r;
+        },
+        "strrep"));
 }
 
 BUILTIN(bi_strfind) {
@@ -1776,14 +1793,14 @@ BUILTIN(bi_tic) {
     ev.ticTime() = std::chrono::steady_clock::now();
     if (nargout > 0) {
         out.push_back(Value::number(static_cast<double>(
-            std::chrono::duration_cast<std::chrono::microseconds>(
-                ev.ticTime().time_since_epoch())
+            std::chrono::duration_cast<std::chrono::microseconds>(ev.ticTime().time_since_epoch())
                 .count())));
     }
 }
 
 BUILTIN(bi_toc) {
-    double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - ev.ticTime()).count();
+    double s =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - ev.ticTime()).count();
     if (nargout > 0) {
         out.push_back(Value::number(s));
         return;
@@ -1858,8 +1875,8 @@ BUILTIN(bi_format) {
 
 BUILTIN(bi_refbox) {
     needArgs(a, 0, 2, "RefBox");
-    out.push_back(makeRefBox(a.empty() ? Value::empty() : a[0],
-                             a.size() > 1 ? a[1] : Value::text("")));
+    out.push_back(
+        makeRefBox(a.empty() ? Value::empty() : a[0], a.size() > 1 ? a[1] : Value::text("")));
 }
 
 #undef BUILTIN

@@ -24,8 +24,7 @@ public:
         if (++depth_ > kMaxDepth) {
             --depth_;
             throw LanguageError(errid::recursionLimit, "Maximum recursion limit of " +
-                                                           std::to_string(kMaxDepth) +
-                                                           " reached.");
+                                                           std::to_string(kMaxDepth) + " reached.");
         }
         stack_.push_back(f);
     }
@@ -403,8 +402,8 @@ bool Evaluator::functionExists(std::string const& name, bool& builtin) {
     return r != nullptr;
 }
 
-void Evaluator::callResolved(Resolution const& r, std::string const& name,
-                             std::vector<Value>& args, int nargout, std::vector<Value>& out) {
+void Evaluator::callResolved(Resolution const& r, std::string const& name, std::vector<Value>& args,
+                             int nargout, std::vector<Value>& out) {
     if (r.builtin != nullptr) {
         r.builtin(*this, args, nargout, out);
         return;
@@ -470,17 +469,17 @@ void Evaluator::callUser(FunctionDef const& def, std::shared_ptr<Unit const> con
     }
     std::size_t np = def.params.size();
     if (args.size() > np && !def.varargin) {
-        throw LanguageError(errid::tooManyInputs,
-                            "Too many input arguments: '" + def.name + "' takes " +
-                                std::to_string(np) + " and was given " +
-                                std::to_string(args.size()) + ".");
+        throw LanguageError(errid::tooManyInputs, "Too many input arguments: '" + def.name +
+                                                      "' takes " + std::to_string(np) +
+                                                      " and was given " +
+                                                      std::to_string(args.size()) + ".");
     }
     std::size_t no = def.outputs.size();
     if (static_cast<std::size_t>(nargout) > no && !def.varargout) {
-        throw LanguageError(errid::tooManyOutputs,
-                            "Too many output arguments: '" + def.name + "' returns " +
-                                std::to_string(no) + " and " + std::to_string(nargout) +
-                                " were requested.");
+        throw LanguageError(errid::tooManyOutputs, "Too many output arguments: '" + def.name +
+                                                       "' returns " + std::to_string(no) + " and " +
+                                                       std::to_string(nargout) +
+                                                       " were requested.");
     }
     Frame f;
     bind(f, def, unit, nullptr);
@@ -532,7 +531,8 @@ void Evaluator::callUser(FunctionDef const& def, std::shared_ptr<Unit const> con
             }
             throw LanguageError(errid::unassignedOutput,
                                 "Output argument 'varargout' does not hold enough values in "
-                                "function '" + def.name + "'.");
+                                "function '" +
+                                    def.name + "'.");
         }
         for (std::size_t i = 0; i < extra; ++i) {
             out.push_back(cellAt(vo, i));
@@ -839,8 +839,8 @@ void Evaluator::execAssign(Stmt const& s, Frame& f) {
     if (s.lhs.size() == 1) {
         LValue const& lv = s.lhs[0];
         Value v = eval(*s.expr, f);
-        assignTo(lv, std::move(v), f, deletion && !lv.suffixes.empty() &&
-                                          lv.suffixes.back().kind == Suffix::Paren);
+        assignTo(lv, std::move(v), f,
+                 deletion && !lv.suffixes.empty() && lv.suffixes.back().kind == Suffix::Paren);
         if (s.print && !lv.tilde) {
             write(1, displayText(lv.name, *lookup(f, lv.slot)));
         }
@@ -855,8 +855,9 @@ void Evaluator::execAssign(Stmt const& s, Frame& f) {
     if (vals.size() < need) {
         throw LanguageError(errid::notEnoughOutputs,
                             "Insufficient number of outputs from the right side of the assignment: "
-                            "needed " + std::to_string(need) + ", got " +
-                                std::to_string(vals.size()) + ".");
+                            "needed " +
+                                std::to_string(need) + ", got " + std::to_string(vals.size()) +
+                                ".");
     }
     for (std::size_t i = 0; i < s.lhs.size(); ++i) {
         if (!s.lhs[i].tilde && i < vals.size()) {
@@ -907,7 +908,8 @@ void Evaluator::assignChain(Value& base, std::vector<Suffix> const& sfx, std::si
             }
         }
         if (!sub.defined() && sfx[k + 1].kind != Suffix::Paren &&
-            (!base.defined() || base.isStruct() || (base.classID() == hvDOUBLE_CLASS && base.isEmpty()))) {
+            (!base.defined() || base.isStruct() ||
+             (base.classID() == hvDOUBLE_CLASS && base.isEmpty()))) {
             sub = Value::adopt(hvCreateStructMatrix(1, 1, 0, nullptr));
         }
         assignChain(sub, sfx, k + 1, rhs, f, deletion);
@@ -1081,9 +1083,9 @@ void Evaluator::evalPostfix(Expr const& e, Frame& f, int nargout, std::vector<Va
     }
     for (; k < ns; ++k) {
         if (cur.size() != 1) {
-            throw LanguageError(errid::badIndex,
-                                "An indexing expression that gives " + std::to_string(cur.size()) +
-                                    " values cannot be indexed further.");
+            throw LanguageError(errid::badIndex, "An indexing expression that gives " +
+                                                     std::to_string(cur.size()) +
+                                                     " values cannot be indexed further.");
         }
         Value v = std::move(cur[0]);
         cur.clear();
@@ -1276,7 +1278,8 @@ LanguageError Evaluator::errorFromStruct(Value const& s) const {
     };
     Value msg = field("message");
     Value id = field("identifier");
-    LanguageError e(id.isChar() ? id.str() : std::string(), msg.isText() ? msg.str() : std::string());
+    LanguageError e(id.isChar() ? id.str() : std::string(),
+                    msg.isText() ? msg.str() : std::string());
     Value st = field("stack");
     if (st.isStruct()) {
         std::vector<StackFrame> frames;

@@ -13,8 +13,8 @@
 #include <quorl/language/ast.hpp>
 #include <quorl/language/languageerror.hpp>
 #include <quorl/language/localworkspace.hpp>
-#include <quorl/language/valueops.hpp>
 #include <quorl/language/value.hpp>
+#include <quorl/language/valueops.hpp>
 #include <quorl/language/workspace.hpp>
 
 #include <atomic>
@@ -87,8 +87,7 @@ public:
     bool interruptRequested() const {
         return io_.interrupt != nullptr && io_.interrupt->load(std::memory_order_relaxed);
     }
-    void callValue(Value const& fn, std::vector<Value>& args, int nargout,
-                   std::vector<Value>& out);
+    void callValue(Value const& fn, std::vector<Value>& args, int nargout, std::vector<Value>& out);
     void callByName(std::string const& name, std::vector<Value>& args, int nargout,
                     std::vector<Value>& out);
     bool functionExists(std::string const& name, bool& builtin);
@@ -121,8 +120,7 @@ private:
     void evalMulti(Expr const& e, Frame& f, int nargout, std::vector<Value>& out);
     void evalPostfix(Expr const& e, Frame& f, int nargout, std::vector<Value>& out);
     std::vector<Value> evalArgs(std::vector<ExprPtr> const& args, Frame& f);
-    std::vector<Subscript> evalSubs(std::vector<ExprPtr> const& args, Value const& v,
-                                           Frame& f);
+    std::vector<Subscript> evalSubs(std::vector<ExprPtr> const& args, Value const& v, Frame& f);
     Value evalEnd() const;
     Value makeClosure(Expr const& e, Frame& f);
     void assignTo(LValue const& lv, Value rhs, Frame& f, bool deletion);

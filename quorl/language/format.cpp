@@ -436,8 +436,8 @@ std::vector<Atom> atomsOf(std::vector<Value> const& args) {
                                 "Format arguments cannot be cells; use c{:} to pass their "
                                 "contents.");
         } else {
-            throw LanguageError(errid::wrongType, "Format arguments cannot be of class " +
-                                                      v.className() + ".");
+            throw LanguageError(errid::wrongType,
+                                "Format arguments cannot be of class " + v.className() + ".");
         }
     }
     return atoms;
@@ -619,8 +619,8 @@ std::string num2str(Value const& v, std::string const& format) {
     }
     if (!v.isNumericOrLogical()) {
         throw LanguageError(errid::wrongType,
-                            "num2str needs a numeric, logical or char value, not " +
-                                v.className() + ".");
+                            "num2str needs a numeric, logical or char value, not " + v.className() +
+                                ".");
     }
     std::vector<double> d = v.doubles();
     std::size_t m = v.rows(), n = v.numel() / std::max<std::size_t>(m, 1);
@@ -637,8 +637,8 @@ std::string num2str(Value const& v, std::string const& format) {
             } else if (x == std::floor(x) && std::fabs(x) < 1e15) {
                 t = cfmt("%.0f", x == 0 ? 0.0 : x);
             } else {
-                int digits = std::max(
-                    0, static_cast<int>(std::floor(std::log10(std::fabs(x))))) + 5;
+                int digits =
+                    std::max(0, static_cast<int>(std::floor(std::log10(std::fabs(x))))) + 5;
                 t = cfmt(("%." + std::to_string(digits) + "g").c_str(), x);
             }
             r += (j && format.empty() ? "  " : "") + t;

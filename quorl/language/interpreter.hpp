@@ -63,8 +63,7 @@ public:
     // Calls a function (or a script, with no arguments) by name; returns up to `nlhs` results
     // as new arrays owned by the caller.
     std::vector<HvArrayPtr> callFunction(std::string const& name, int nlhs,
-                                         std::vector<const hvArray*> const& args,
-                                         EvalIo const& io);
+                                         std::vector<const hvArray*> const& args, EvalIo const& io);
     // The same with values of the language.
     std::vector<Value> call(std::string const& name, int nlhs, std::vector<Value> args,
                             EvalIo const& io);

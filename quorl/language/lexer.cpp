@@ -10,10 +10,9 @@ namespace language {
 
 namespace {
 
-char const* const kKeywords[] = {"if",     "elseif",  "else",   "end",      "for",
-                                 "while",  "break",   "continue", "return", "switch",
-                                 "case",   "otherwise", "try",  "catch",    "function",
-                                 "global", "persistent"};
+char const* const kKeywords[] = {
+    "if",     "elseif", "else",      "end", "for",   "while",    "break",  "continue",  "return",
+    "switch", "case",   "otherwise", "try", "catch", "function", "global", "persistent"};
 
 bool identStart(char c) {
     return std::isalpha(static_cast<unsigned char>(c)) || c == '_';
@@ -59,6 +58,10 @@ private:
     void skipBlockComment();
     void lexNumber();
     void lexQuoted(char quote);
+    [[noreturn]] void failAt(int line, int col, std::string const& what) const {
+        throw LanguageError(errid::syntax, what + " at line " + std::to_string(line) + ", column " +
+                                               std::to_string(col) + ".");
+    }
     bool tryCommand(std::size_t identEnd);
 
     std::string const& src_;
@@ -66,6 +69,7 @@ private:
     std::size_t lineStart_ = 0;
     int line_ = 1;
     std::vector<char> brackets_;
+    std::vector<std::pair<int, int>> openedAt_;
     std::vector<Token> out_;
     std::vector<bool> lambdaStack_;
     bool suppressComma_ = false;
@@ -154,7 +158,8 @@ void Scanner::lexQuoted(char quote) {
     std::string text;
     for (;;) {
         if (pos_ >= src_.size() || peek() == '\n') {
-            fail(quote == '\'' ? "Unterminated character vector" : "Unterminated string");
+            failAt(line_, c0,
+                   quote == '\'' ? "Unterminated character vector" : "Unterminated string");
         }
         if (peek() == quote) {
             if (peek(1) == quote) {
@@ -269,7 +274,8 @@ std::vector<Token> Scanner::run() {
         if (spaceBefore && inMatrix() && lastEndsValue() && !suppressComma_) {
             bool startsValue = identStart(c) || std::isdigit(static_cast<unsigned char>(c)) ||
                                c == '\'' || c == '"' || c == '(' || c == '[' || c == '{' ||
-                               c == '@' || (c == '.' && std::isdigit(static_cast<unsigned char>(peek(1))));
+                               c == '@' ||
+                               (c == '.' && std::isdigit(static_cast<unsigned char>(peek(1))));
             bool signedValue = (c == '-' || c == '+' || c == '~') && peek(1) != ' ' &&
                                peek(1) != '\t' && peek(1) != '=';
             if (startsValue || signedValue) {
@@ -351,8 +357,8 @@ std::vector<Token> Scanner::run() {
         }
         int c0 = col();
         std::string two = src_.substr(pos_, 2);
-        static char const* const kTwo[] = {"==", "~=", "!=", "<=", ">=", "&&", "||", ".*",
-                                           "./", ".\\", ".^", ".'"};
+        static char const* const kTwo[] = {"==", "~=", "!=", "<=",  ">=", "&&",
+                                           "||", ".*", "./", ".\\", ".^", ".'"};
         bool matched = false;
         for (char const* t : kTwo) {
             if (two == t) {
@@ -371,6 +377,7 @@ std::vector<Token> Scanner::run() {
         case '[':
         case '{':
             brackets_.push_back(c);
+            openedAt_.emplace_back(line_, c0);
             lambdaStack_.push_back(c == '(' && !out_.empty() && out_.back().type == Tok::Op &&
                                    out_.back().text == "@");
             push(Tok::Op, std::string(1, c), line_, c0);
@@ -385,6 +392,7 @@ std::vector<Token> Scanner::run() {
             }
             bool lambda = lambdaStack_.back();
             brackets_.pop_back();
+            openedAt_.pop_back();
             lambdaStack_.pop_back();
             if (c != ')' && !out_.empty() && out_.back().type == Tok::Semi) {
                 out_.pop_back(); // a line end before the closing bracket separates nothing
@@ -397,6 +405,9 @@ std::vector<Token> Scanner::run() {
             push(Tok::Comma, ",", line_, c0);
             break;
         case ';':
+            if (!brackets_.empty() && brackets_.back() == '(') {
+                failAt(line_, c0, "Unexpected ';' inside parentheses");
+            }
             push(Tok::Semi, ";", line_, c0);
             break;
         case '!':
@@ -425,7 +436,8 @@ std::vector<Token> Scanner::run() {
         }
     }
     if (!brackets_.empty()) {
-        fail("Unbalanced '" + std::string(1, brackets_.back()) + "'");
+        failAt(openedAt_.back().first, openedAt_.back().second,
+               "Unbalanced '" + std::string(1, brackets_.back()) + "'");
     }
     push(Tok::Newline, "\n", line_, col());
     push(Tok::Eof, "", line_, col());

@@ -424,8 +424,7 @@ std::unique_ptr<Stmt> RecursiveDescent::parseSwitch() {
             ++pos_;
             break;
         } else {
-            fail("Expected 'case', 'otherwise' or 'end' in 'switch' but found " +
-                 describe(cur()));
+            fail("Expected 'case', 'otherwise' or 'end' in 'switch' but found " + describe(cur()));
         }
     }
     endStatement(*s);
@@ -594,7 +593,8 @@ ExprPtr RecursiveDescent::parseCompare() {
 
 ExprPtr RecursiveDescent::parseRange() {
     if (indexDepth_ > 0 && isOp(":") &&
-        (at(1).type == Tok::Comma || (at(1).type == Tok::Op && (at(1).text == ")" || at(1).text == "}")))) {
+        (at(1).type == Tok::Comma ||
+         (at(1).type == Tok::Op && (at(1).text == ")" || at(1).text == "}")))) {
         ExprPtr e = node(ExprKind::Colon, cur());
         ++pos_;
         return e;
@@ -715,8 +715,9 @@ std::vector<ExprPtr> RecursiveDescent::parseArgs(char const* close) {
 ExprPtr RecursiveDescent::parsePostfix() {
     ExprPtr base = parsePrimary();
     for (;;) {
-        if (isOp("(") || isOp("{") || (isOp(".") && (at(1).type == Tok::Ident || at(1).type == Tok::Keyword ||
-                                                      (at(1).type == Tok::Op && at(1).text == "(")))) {
+        if (isOp("(") || isOp("{") ||
+            (isOp(".") && (at(1).type == Tok::Ident || at(1).type == Tok::Keyword ||
+                           (at(1).type == Tok::Op && at(1).text == "(")))) {
             if (base->kind != ExprKind::Postfix) {
                 Token t{Tok::Op, "", 0, base->line, base->col};
                 ExprPtr p = node(ExprKind::Postfix, t);
@@ -911,7 +912,7 @@ ExprPtr RecursiveDescent::parsePrimary() {
             }
             return e;
         }
-        if (t.text == ":" ) {
+        if (t.text == ":") {
             fail("Unexpected ':'");
         }
         fail("Unexpected '" + t.text + "'");

@@ -43,7 +43,7 @@ public:
     // A shared copy of a borrowed array.
     static Value share(const hvArray* array);
     static Value text(std::string const& utf8); // char row
-    static Value empty();                        // 0-by-0 double
+    static Value empty();                       // 0-by-0 double
     static Value lambda(std::shared_ptr<Closure const> closure);
 
     Kind kind() const { return kind_; }

@@ -61,7 +61,8 @@ char const* opName(Op op) {
 }
 
 bool isRaw(hvClassID c) {
-    return c == hvLOGICAL_CLASS || c == hvCHAR_CLASS || (c >= hvDOUBLE_CLASS && c <= hvUINT64_CLASS);
+    return c == hvLOGICAL_CLASS || c == hvCHAR_CLASS ||
+           (c >= hvDOUBLE_CLASS && c <= hvUINT64_CLASS);
 }
 
 bool isComparison(Op op) {
@@ -249,9 +250,9 @@ Value matmul(Value const& a, Value const& b) {
     require2d(b, "Matrix multiplication");
     std::size_t m = a.rows(), k = a.cols(), k2 = b.rows(), n = b.cols();
     if (k != k2) {
-        throw LanguageError(errid::dimensionMismatch,
-                            "Inner matrix dimensions must agree (" + dimsText(a.dims()) + " and " +
-                                dimsText(b.dims()) + ").");
+        throw LanguageError(errid::dimensionMismatch, "Inner matrix dimensions must agree (" +
+                                                          dimsText(a.dims()) + " and " +
+                                                          dimsText(b.dims()) + ").");
     }
     std::vector<double> x = a.doubles(), y = b.doubles(), r(m * n, 0.0);
     for (std::size_t j = 0; j < n; ++j) {
@@ -272,9 +273,9 @@ Value solve(Value const& A, Value const& B) {
     require2d(B, "Matrix division");
     std::size_t m = A.rows(), n = A.cols(), k = B.cols();
     if (B.rows() != m) {
-        throw LanguageError(errid::dimensionMismatch,
-                            "Matrix dimensions must agree (" + dimsText(A.dims()) + " and " +
-                                dimsText(B.dims()) + ").");
+        throw LanguageError(errid::dimensionMismatch, "Matrix dimensions must agree (" +
+                                                          dimsText(A.dims()) + " and " +
+                                                          dimsText(B.dims()) + ").");
     }
     std::vector<double> a = A.doubles(), b = B.doubles();
     if (m > n) {
@@ -552,8 +553,8 @@ Subscript makeSubscript(Value const& v) {
         return s;
     }
     if (!v.isNumericOrLogical() && !v.isChar()) {
-        throw LanguageError(errid::badIndex, "Subscripts must be numeric or logical, not " +
-                                                 v.className() + ".");
+        throw LanguageError(errid::badIndex,
+                            "Subscripts must be numeric or logical, not " + v.className() + ".");
     }
     std::vector<double> d = v.doubles();
     s.idx.reserve(d.size());
@@ -587,7 +588,8 @@ std::vector<std::size_t> positions(std::vector<std::size_t> const& d,
             if (i >= numel) {
                 throw LanguageError(errid::indexOutOfBounds,
                                     "Index exceeds the number of array elements. Index must not "
-                                    "exceed " + std::to_string(numel) + ".");
+                                    "exceed " +
+                                        std::to_string(numel) + ".");
             }
         }
         pos = s.idx;
@@ -824,9 +826,9 @@ void assignIndex(Value& v, std::vector<Subscript> const& subs, Value const& rhsI
                         for (auto const& s : subs) {
                             nonColon += s.colon ? 0 : 1;
                         }
-                        want = rhs.numel() == 1 ? 1
+                        want = rhs.numel() == 1                       ? 1
                                : (nonColon + 1 == n || k < rd.size()) ? (k < rd.size() ? rd[k] : 1)
-                                                                       : 1;
+                                                                      : 1;
                         if (rhs.numel() != 1 && n == 2 && rd.size() == 2) {
                             // Vectors fill the colon dimension whatever their orientation.
                             std::size_t other = subs[1 - k].colon ? 0 : subs[1 - k].idx.size();
@@ -896,7 +898,8 @@ void deleteElements(Value& v, std::vector<Subscript> const& subs) {
             if (i >= numel) {
                 throw LanguageError(errid::indexOutOfBounds,
                                     "Index exceeds the number of array elements. Index must not "
-                                    "exceed " + std::to_string(numel) + ".");
+                                    "exceed " +
+                                        std::to_string(numel) + ".");
             }
             drop[i] = true;
         }
@@ -1073,7 +1076,8 @@ void setField(Value& s, std::size_t index, std::string const& name, Value const&
 
 Value makeRange(double a, double s, double b) {
     std::size_t n = 0;
-    if (s != 0 && !std::isnan(a) && !std::isnan(s) && !std::isnan(b) && ((s > 0 && b >= a) || (s < 0 && b <= a))) {
+    if (s != 0 && !std::isnan(a) && !std::isnan(s) && !std::isnan(b) &&
+        ((s > 0 && b >= a) || (s < 0 && b <= a))) {
         double q = (b - a) / s;
         n = static_cast<std::size_t>(std::floor(q + 1e-10)) + 1;
     }
@@ -1262,8 +1266,8 @@ Value concatAlong(std::vector<Value> const& in, int dim) {
         }
         total += d[dim];
     }
-    std::vector<std::size_t> rd = dim == 1 ? std::vector<std::size_t>{other, total}
-                                           : std::vector<std::size_t>{total, other};
+    std::vector<std::size_t> rd =
+        dim == 1 ? std::vector<std::size_t>{other, total} : std::vector<std::size_t>{total, other};
     Value r = createLike(vs[0], rd);
     hvArray* dst = r.mutableHv();
     std::size_t offset = 0;

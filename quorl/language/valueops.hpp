@@ -27,7 +27,7 @@ Value vertcat(std::vector<Value> const& values);
 // positions of its true elements).
 struct Subscript {
     bool colon = false;
-    std::vector<std::size_t> idx; // zero-based
+    std::vector<std::size_t> idx;   // zero-based
     std::vector<std::size_t> shape; // dimensions of the subscript value, for the result's shape
 };
 Subscript makeSubscript(Value const& v);
