@@ -332,7 +332,11 @@ BUILTIN(bi_sprintf) {
     needArgs(a, 1, 1000, "sprintf");
     std::string fmt = textArg(a[0], "sprintf");
     Args rest(a.begin() + 1, a.end());
-    out.push_back(Value::text(formatText(fmt, rest)));
+    std::string text = formatText(fmt, rest);
+    // The result is a row also when it is empty.
+    out.push_back(text.empty()
+                      ? Value::adopt(hvCreateCharArray(2, std::vector<std::size_t>{1, 0}.data()))
+                      : Value::text(text));
 }
 
 bool looksLikeId(std::string const& s) {

@@ -1184,10 +1184,13 @@ Value Evaluator::eval(Expr const& e, Frame& f) {
         return Value::boolean(l || test(*e.b));
     }
     case ExprKind::Range: {
-        double a = eval(*e.a, f).scalar();
+        Value av = eval(*e.a, f);
+        Value bv = eval(*e.c, f);
         double s = e.b ? eval(*e.b, f).scalar() : 1.0;
-        double b = eval(*e.c, f).scalar();
-        return makeRange(a, s, b);
+        Value r = makeRange(av.scalar(), s, bv.scalar());
+        // A range of integers keeps their class.
+        hvClassID c = isIntegerClass(av.classID()) ? av.classID() : bv.classID();
+        return isIntegerClass(c) ? convertClass(r, c) : r;
     }
     case ExprKind::Matrix: {
         std::vector<std::vector<Value>> rows;

@@ -212,7 +212,7 @@ std::vector<std::string> bodyLines(Value const& v) {
         for (std::size_t f = 0; f < hvGetNumberOfFields(v.hv()); ++f) {
             names += (f ? ", " : "") + std::string(hvGetFieldNameByNumber(v.hv(), f));
         }
-        return {"fields: " + names};
+        return {dimsText(v.dims()) + " struct array with fields: " + names};
     }
     if (v.classID() == hvOBJECT_CLASS) {
         std::vector<std::string> lines;
@@ -235,6 +235,9 @@ bool oneLine(Value const& v) {
     if (v.isEmpty() && !v.isStruct()) {
         return true;
     }
+    if (v.isStruct()) {
+        return v.numel() != 1;
+    }
     if (v.isChar()) {
         return v.rows() == 1;
     }
@@ -250,7 +253,7 @@ std::string header(Value const& v) {
         return d + " cell";
     }
     if (v.isStruct()) {
-        return v.numel() == 1 ? "struct with fields:" : d + " struct array with";
+        return "struct with fields:";
     }
     if (v.classID() == hvOBJECT_CLASS && !v.isStringObject()) {
         return v.className() + " with properties:";
@@ -586,23 +589,33 @@ std::string formatText(std::string const& format, std::vector<Value> const& args
             if (next >= atoms.size()) {
                 return out;
             }
-            Atom const& a = atoms[next++];
+            if (atoms[next].isText && sp.conv != 's' && sp.conv != 'c') {
+                // A numeric conversion takes a text's characters as numbers, one at a time.
+                std::u16string u = toUtf16(atoms[next].text);
+                std::vector<Atom> codes(u.size());
+                for (std::size_t k = 0; k < u.size(); ++k) {
+                    codes[k].num = static_cast<double>(u[k]);
+                }
+                atoms.erase(atoms.begin() + static_cast<std::ptrdiff_t>(next));
+                atoms.insert(atoms.begin() + static_cast<std::ptrdiff_t>(next), codes.begin(),
+                             codes.end());
+                if (next >= atoms.size()) {
+                    return out;
+                }
+            }
+            Atom a = atoms[next++];
             consumedThisPass = true;
             if (sp.conv == 's') {
                 std::string t = a.isText ? a.text : shortNumber(a.num);
+                if (!a.isText && a.num == std::floor(a.num) && a.num >= 0 && a.num < 65536) {
+                    t = toUtf8(std::u16string(1, static_cast<char16_t>(a.num)));
+                }
                 if (sp.precision >= 0 && static_cast<std::size_t>(sp.precision) < t.size()) {
                     t = t.substr(0, static_cast<std::size_t>(sp.precision));
                 }
                 out += applyWidth(sp, t);
             } else if (a.isText) {
-                if (sp.conv == 'c') {
-                    out += applyWidth(sp, a.text);
-                } else {
-                    std::u16string u = toUtf16(a.text);
-                    for (char16_t ch : u) {
-                        out += formatNumber(sp, sp.conv, static_cast<double>(ch));
-                    }
-                }
+                out += applyWidth(sp, a.text);
             } else {
                 out += formatNumber(sp, sp.conv, a.num);
             }

@@ -770,8 +770,6 @@ ExprPtr RecursiveDescent::parseMatrix(bool cell) {
     ++pos_;
     ExprPtr e = node(cell ? ExprKind::CellLit : ExprKind::Matrix, open);
     char const* close = cell ? "}" : "]";
-    int saved = indexDepth_;
-    indexDepth_ = 0;
     std::vector<ExprPtr> row;
     for (;;) {
         if (isOp(close)) {
@@ -798,7 +796,6 @@ ExprPtr RecursiveDescent::parseMatrix(bool cell) {
     if (!row.empty()) {
         e->rows.push_back(std::move(row));
     }
-    indexDepth_ = saved;
     return e;
 }
 

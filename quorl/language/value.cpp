@@ -29,6 +29,13 @@ Value Value::adopt(hvArray* array) {
     if (array != nullptr) {
         r.kind_ = Kind::Array;
         r.a_ = hold(array);
+        if (hvGetClassID(array) == hvFUNCTION_CLASS) {
+            // Handles made by this language carry their closure.
+            if (auto p = hvGetFunctionHandlePayload(array)) {
+                r.kind_ = Kind::Lambda;
+                r.closure_ = std::static_pointer_cast<Closure const>(p);
+            }
+        }
     }
     return r;
 }
@@ -94,7 +101,7 @@ const hvArray* Value::hv() const {
             a_ = hold(hvCreateLogicalScalar(d_ != 0.0));
             break;
         case Kind::Lambda:
-            a_ = hold(hvCreateFunctionHandle(closure_->text.c_str()));
+            a_ = hold(hvCreateFunctionHandleWithPayload(closure_->text.c_str(), closure_));
             break;
         default:
             a_ = hold(hvCreateNumericMatrix(hvDOUBLE_CLASS, 0, 0));
