@@ -1265,18 +1265,9 @@ BUILTIN(bi_cellstr) {
         return;
     }
     if (v.isChar()) {
-        std::vector<std::string> rows;
-        std::size_t m = v.rows(), n = v.cols();
-        std::vector<double> d = v.doubles();
-        for (std::size_t i = 0; i < m; ++i) {
-            std::u16string r;
-            for (std::size_t j = 0; j < n; ++j) {
-                r += static_cast<char16_t>(d[i + j * m]);
-            }
-            while (!r.empty() && r.back() == u' ') {
-                r.pop_back();
-            }
-            rows.push_back(toUtf8(r));
+        std::vector<std::string> rows = charRows(v);
+        for (std::string& r : rows) {
+            r.erase(r.find_last_not_of(' ') + 1);
         }
         if (rows.empty()) {
             rows.push_back("");

@@ -408,7 +408,11 @@ void Evaluator::callResolved(Resolution const& r, std::string const& name, std::
         r.builtin(*this, args, nargout, out);
         return;
     }
-    callUser(*r.def, r.unit, args, nargout, out);
+    std::shared_ptr<Unit const> unit = r.unit.lock();
+    if (!unit) {
+        throw LanguageError(errid::undefined, "The function '" + name + "' is no longer defined.");
+    }
+    callUser(*r.def, unit, args, nargout, out);
 }
 
 void Evaluator::callByName(std::string const& name, std::vector<Value>& args, int nargout,
@@ -483,19 +487,7 @@ void Evaluator::callUser(FunctionDef const& def, std::shared_ptr<Unit const> con
     }
     Frame f;
     bind(f, def, unit, nullptr);
-    std::size_t fixed = def.varargin ? np - 1 : np;
-    for (std::size_t i = 0; i < args.size() && i < fixed; ++i) {
-        if (def.paramSlots[i] >= 0) {
-            f.slots[static_cast<std::size_t>(def.paramSlots[i])] = std::move(args[i]);
-        }
-    }
-    if (def.varargin) {
-        std::vector<Value> rest;
-        for (std::size_t i = fixed; i < args.size(); ++i) {
-            rest.push_back(std::move(args[i]));
-        }
-        f.slots[static_cast<std::size_t>(def.paramSlots.back())] = makeCellRow(rest);
-    }
+    bindArguments(f, def, args);
     f.nargin = static_cast<int>(args.size());
     f.nargout = nargout;
     if (def.nargin >= 0) {
@@ -537,6 +529,22 @@ void Evaluator::callUser(FunctionDef const& def, std::shared_ptr<Unit const> con
         for (std::size_t i = 0; i < extra; ++i) {
             out.push_back(cellAt(vo, i));
         }
+    }
+}
+
+void Evaluator::bindArguments(Frame& f, FunctionDef const& def, std::vector<Value>& args) {
+    std::size_t fixed = def.varargin ? def.params.size() - 1 : def.params.size();
+    for (std::size_t i = 0; i < args.size() && i < fixed; ++i) {
+        if (def.paramSlots[i] >= 0) {
+            f.slots[static_cast<std::size_t>(def.paramSlots[i])] = std::move(args[i]);
+        }
+    }
+    if (def.varargin) {
+        std::vector<Value> rest;
+        for (std::size_t i = fixed; i < args.size(); ++i) {
+            rest.push_back(std::move(args[i]));
+        }
+        f.slots[static_cast<std::size_t>(def.paramSlots.back())] = makeCellRow(rest);
     }
 }
 
@@ -587,17 +595,7 @@ void Evaluator::callLambda(Closure const& c, std::vector<Value>& args, int nargo
     for (auto const& cap : c.captured) {
         f.slots[static_cast<std::size_t>(cap.first)] = cap.second;
     }
-    std::size_t fixed = def.varargin ? def.params.size() - 1 : def.params.size();
-    for (std::size_t i = 0; i < args.size() && i < fixed; ++i) {
-        f.slots[static_cast<std::size_t>(def.paramSlots[i])] = std::move(args[i]);
-    }
-    if (def.varargin) {
-        std::vector<Value> rest;
-        for (std::size_t i = fixed; i < args.size(); ++i) {
-            rest.push_back(std::move(args[i]));
-        }
-        f.slots[static_cast<std::size_t>(def.paramSlots.back())] = makeCellRow(rest);
-    }
+    bindArguments(f, def, args);
     StackGuard g(stack_, depth_, &f);
     evalMulti(*def.lambdaBody, f, nargout, out);
 }
@@ -1349,49 +1347,6 @@ int precedence(Expr const& e) {
     }
 }
 
-std::string opText(Op op) {
-    switch (op) {
-    case Op::Plus:
-        return "+";
-    case Op::Minus:
-        return "-";
-    case Op::Times:
-        return "*";
-    case Op::RDiv:
-        return "/";
-    case Op::LDiv:
-        return "\\";
-    case Op::ElTimes:
-        return ".*";
-    case Op::ElRDiv:
-        return "./";
-    case Op::ElLDiv:
-        return ".\\";
-    case Op::Power:
-        return "^";
-    case Op::ElPower:
-        return ".^";
-    case Op::Lt:
-        return "<";
-    case Op::Le:
-        return "<=";
-    case Op::Gt:
-        return ">";
-    case Op::Ge:
-        return ">=";
-    case Op::Eq:
-        return "==";
-    case Op::Ne:
-        return "~=";
-    case Op::And:
-        return "&";
-    case Op::Or:
-        return "|";
-    default:
-        return "";
-    }
-}
-
 std::string unparse(Expr const& e);
 
 std::string list(std::vector<ExprPtr> const& args) {
@@ -1445,7 +1400,7 @@ std::string unparse(Expr const& e) {
         }
     case ExprKind::Binary: {
         int p = precedence(e);
-        return wrap(*e.a, p) + " " + opText(e.op) + " " + wrap(*e.b, p, true);
+        return wrap(*e.a, p) + " " + opSymbol(e.op) + " " + wrap(*e.b, p, true);
     }
     case ExprKind::AndAnd:
         return wrap(*e.a, 2) + " && " + wrap(*e.b, 2, true);

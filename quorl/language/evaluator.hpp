@@ -36,7 +36,9 @@ typedef void (*Builtin)(Evaluator& ev, std::vector<Value>& args, int nargout,
 
 struct Resolution {
     Builtin builtin = nullptr;
-    std::shared_ptr<Unit const> unit;
+    // Not owned: trees cache resolutions, and units that call each other must not own each
+    // other. The file cache, the run-time definitions or a running frame keep the unit.
+    std::weak_ptr<Unit const> unit;
     FunctionDef const* def = nullptr;
 };
 
@@ -154,6 +156,7 @@ private:
                       int nargout, std::vector<Value>& out);
     void callUser(FunctionDef const& def, std::shared_ptr<Unit const> const& unit,
                   std::vector<Value>& args, int nargout, std::vector<Value>& out);
+    void bindArguments(Frame& f, FunctionDef const& def, std::vector<Value>& args);
     void runScript(FunctionDef const& def, std::shared_ptr<Unit const> const& unit);
     void callLambda(Closure const& c, std::vector<Value>& args, int nargout,
                     std::vector<Value>& out);

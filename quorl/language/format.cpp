@@ -71,20 +71,6 @@ bool isRawClass(Value const& v) {
     return v.isNumericOrLogical() || v.isChar();
 }
 
-std::vector<std::string> charRows(Value const& v) {
-    std::vector<std::string> rows;
-    std::size_t m = v.rows(), n = v.cols();
-    std::vector<double> d = v.doubles();
-    for (std::size_t i = 0; i < m; ++i) {
-        std::u16string r;
-        for (std::size_t j = 0; j < n; ++j) {
-            r += static_cast<char16_t>(d[i + j * m]);
-        }
-        rows.push_back(toUtf8(r));
-    }
-    return rows;
-}
-
 // Rows of a numeric 2-D array, columns right-aligned to one width.
 std::vector<std::string> numberRows(Value const& v) {
     std::vector<double> d = v.doubles();
@@ -262,6 +248,20 @@ std::string header(Value const& v) {
 }
 
 } // namespace
+
+std::vector<std::string> charRows(Value const& v) {
+    std::vector<std::string> rows;
+    std::size_t m = v.rows(), n = v.cols();
+    std::vector<double> d = v.doubles();
+    for (std::size_t i = 0; i < m; ++i) {
+        std::u16string r;
+        for (std::size_t j = 0; j < n; ++j) {
+            r += static_cast<char16_t>(d[i + j * m]);
+        }
+        rows.push_back(toUtf8(r));
+    }
+    return rows;
+}
 
 std::string summary(Value const& v) {
     if (v.kind() == Value::Kind::Lambda || v.isFunction()) {

@@ -24,6 +24,8 @@ std::string formatText(std::string const& format, std::vector<Value> const& args
 std::string unescape(std::string const& s);
 // num2str's text of a numeric or logical value; an empty `format` chooses one.
 std::string num2str(Value const& v, std::string const& format);
+// The rows of a char array as UTF-8 texts.
+std::vector<std::string> charRows(Value const& v);
 // A short one-line summary such as "[2x3 double]", used inside cells and structs.
 std::string summary(Value const& v);
 

@@ -489,16 +489,17 @@ std::shared_ptr<FunctionDef> RecursiveDescent::parseFunction() {
     if (isOp("(")) {
         ++pos_;
         while (!isOp(")")) {
-            if (cur().type == Tok::Comma) {
-                ++pos_;
-                continue;
-            }
             if (isOp("~")) {
                 f->params.push_back("~");
                 ++pos_;
-                continue;
+            } else {
+                f->params.push_back(expectIdent());
             }
-            f->params.push_back(expectIdent());
+            if (cur().type == Tok::Comma) {
+                ++pos_;
+            } else if (!isOp(")")) {
+                fail("Expected ',' or ')' but found " + describe(cur()));
+            }
         }
         ++pos_;
     }
@@ -807,11 +808,12 @@ ExprPtr RecursiveDescent::parseAnon(Token const& at) {
     def->unit = unit_.get();
     ++pos_; // '('
     while (!isOp(")")) {
+        def->params.push_back(expectIdent());
         if (cur().type == Tok::Comma) {
             ++pos_;
-            continue;
+        } else if (!isOp(")")) {
+            fail("Expected ',' or ')' but found " + describe(cur()));
         }
-        def->params.push_back(expectIdent());
     }
     ++pos_;
     for (auto const& p : def->params) {

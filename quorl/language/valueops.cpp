@@ -13,53 +13,6 @@ namespace language {
 
 namespace {
 
-char const* opName(Op op) {
-    switch (op) {
-    case Op::Plus:
-        return "+";
-    case Op::Minus:
-        return "-";
-    case Op::Times:
-        return "*";
-    case Op::RDiv:
-        return "/";
-    case Op::LDiv:
-        return "\\";
-    case Op::ElTimes:
-        return ".*";
-    case Op::ElRDiv:
-        return "./";
-    case Op::ElLDiv:
-        return ".\\";
-    case Op::Power:
-        return "^";
-    case Op::ElPower:
-        return ".^";
-    case Op::Lt:
-        return "<";
-    case Op::Le:
-        return "<=";
-    case Op::Gt:
-        return ">";
-    case Op::Ge:
-        return ">=";
-    case Op::Eq:
-        return "==";
-    case Op::Ne:
-        return "~=";
-    case Op::And:
-        return "&";
-    case Op::Or:
-        return "|";
-    case Op::Not:
-        return "~";
-    case Op::Neg:
-        return "-";
-    default:
-        return "'";
-    }
-}
-
 bool isRaw(hvClassID c) {
     return c == hvLOGICAL_CLASS || c == hvCHAR_CLASS ||
            (c >= hvDOUBLE_CLASS && c <= hvUINT64_CLASS);
@@ -148,7 +101,7 @@ hvClassID resultClass(Op op, hvClassID ca, hvClassID cb) {
 
 void requireNumeric(Value const& v, Op op) {
     if (!isRaw(v.classID())) {
-        throw LanguageError(errid::wrongType, std::string("Operator '") + opName(op) +
+        throw LanguageError(errid::wrongType, std::string("Operator '") + opSymbol(op) +
                                                   "' is not defined for values of class " +
                                                   v.className() + ".");
     }
@@ -346,6 +299,53 @@ Value transpose(Value const& v) {
 }
 
 } // namespace
+
+char const* opSymbol(Op op) {
+    switch (op) {
+    case Op::Plus:
+        return "+";
+    case Op::Minus:
+        return "-";
+    case Op::Times:
+        return "*";
+    case Op::RDiv:
+        return "/";
+    case Op::LDiv:
+        return "\\";
+    case Op::ElTimes:
+        return ".*";
+    case Op::ElRDiv:
+        return "./";
+    case Op::ElLDiv:
+        return ".\\";
+    case Op::Power:
+        return "^";
+    case Op::ElPower:
+        return ".^";
+    case Op::Lt:
+        return "<";
+    case Op::Le:
+        return "<=";
+    case Op::Gt:
+        return ">";
+    case Op::Ge:
+        return ">=";
+    case Op::Eq:
+        return "==";
+    case Op::Ne:
+        return "~=";
+    case Op::And:
+        return "&";
+    case Op::Or:
+        return "|";
+    case Op::Not:
+        return "~";
+    case Op::Neg:
+        return "-";
+    default:
+        return "'";
+    }
+}
 
 Value binaryOp(Op op, Value const& a, Value const& b) {
     if (a.isInlineScalar() && b.isInlineScalar()) {

@@ -15,6 +15,9 @@
 namespace quorl {
 namespace language {
 
+// The operator as written in code ("+", ".*", "~=", ...).
+char const* opSymbol(Op op);
+
 Value binaryOp(Op op, Value const& a, Value const& b);
 Value unaryOp(Op op, Value const& a);
 
