@@ -728,26 +728,29 @@ bool Evaluator::switchMatches(Value const& v, Value const& c) {
 Evaluator::Flow Evaluator::execFor(Stmt const& s, Frame& f) {
     int slot = s.lhs[0].slot;
     Expr const& e = *s.expr;
+    // Runs the body once with the loop variable set; false when the loop is to end.
+    Flow result = Flow::Normal;
+    auto iterate = [&](Value item) {
+        checkInterrupt();
+        slotRef(f, slot) = std::move(item);
+        Flow fl = execBlock(s.body, f);
+        if (fl == Flow::Return) {
+            result = fl;
+        }
+        return fl != Flow::Break && fl != Flow::Return;
+    };
     if (e.kind == ExprKind::Range) {
+        // A range is walked without making it.
         double a = eval(*e.a, f).scalar();
         double st = e.b ? eval(*e.b, f).scalar() : 1.0;
         double b = eval(*e.c, f).scalar();
-        std::size_t n = 0;
-        if (st != 0 && !std::isnan(a + st + b) && ((st > 0 && b >= a) || (st < 0 && b <= a))) {
-            n = static_cast<std::size_t>(std::floor((b - a) / st + 1e-10)) + 1;
-        }
+        std::size_t n = rangeCount(a, st, b);
         for (std::size_t i = 0; i < n; ++i) {
-            checkInterrupt();
-            slotRef(f, slot) = Value::number(a + static_cast<double>(i) * st);
-            Flow fl = execBlock(s.body, f);
-            if (fl == Flow::Break) {
+            if (!iterate(Value::number(a + static_cast<double>(i) * st))) {
                 break;
             }
-            if (fl == Flow::Return) {
-                return fl;
-            }
         }
-        return Flow::Normal;
+        return result;
     }
     Value v = eval(e, f);
     if (v.isEmpty()) {
@@ -755,7 +758,6 @@ Evaluator::Flow Evaluator::execFor(Stmt const& s, Frame& f) {
     }
     std::size_t m = v.rows(), n = v.numel() / std::max<std::size_t>(m, 1);
     for (std::size_t j = 0; j < n; ++j) {
-        checkInterrupt();
         Value item;
         if (m == 1) {
             item = elementAt(v, j);
@@ -767,16 +769,11 @@ Evaluator::Flow Evaluator::execFor(Stmt const& s, Frame& f) {
             col.shape = {1, 1};
             item = indexValue(v, {all, col});
         }
-        slotRef(f, slot) = std::move(item);
-        Flow fl = execBlock(s.body, f);
-        if (fl == Flow::Break) {
+        if (!iterate(std::move(item))) {
             break;
         }
-        if (fl == Flow::Return) {
-            return fl;
-        }
     }
-    return Flow::Normal;
+    return result;
 }
 
 Evaluator::Flow Evaluator::execTry(Stmt const& s, Frame& f) {

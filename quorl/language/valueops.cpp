@@ -1074,13 +1074,17 @@ void setField(Value& s, std::size_t index, std::string const& name, Value const&
     hvSetField(a, index, name.c_str(), rhs.toHv().release());
 }
 
-Value makeRange(double a, double s, double b) {
-    std::size_t n = 0;
-    if (s != 0 && !std::isnan(a) && !std::isnan(s) && !std::isnan(b) &&
-        ((s > 0 && b >= a) || (s < 0 && b <= a))) {
-        double q = (b - a) / s;
-        n = static_cast<std::size_t>(std::floor(q + 1e-10)) + 1;
+std::size_t rangeCount(double a, double s, double b) {
+    if (s == 0 || std::isnan(a) || std::isnan(s) || std::isnan(b) ||
+        !((s > 0 && b >= a) || (s < 0 && b <= a))) {
+        return 0;
     }
+    // A little slack so that 0:0.1:1 ends at 1 despite rounding of the step.
+    return static_cast<std::size_t>(std::floor((b - a) / s + 1e-10)) + 1;
+}
+
+Value makeRange(double a, double s, double b) {
+    std::size_t n = rangeCount(a, s, b);
     hvArray* r = hvCreateNumericMatrix(hvDOUBLE_CLASS, 1, n);
     if (n > 0) {
         double* p = static_cast<double*>(hvGetData(r));

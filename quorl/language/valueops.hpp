@@ -56,6 +56,8 @@ void setField(Value& s, std::size_t index, std::string const& name, Value const&
 Value elementAt(Value const& v, std::size_t i);
 // Element i of a cell.
 Value cellAt(Value const& c, std::size_t i);
+// The number of elements of the range a:s:b (0 when it is empty).
+std::size_t rangeCount(double a, double s, double b);
 // The range a:s:b as a row.
 Value makeRange(double a, double s, double b);
 // Reshape to new dimensions with the same number of elements.
