@@ -818,14 +818,18 @@ void Evaluator::execExprStmt(Stmt const& s, Frame& f) {
     if (out.empty()) {
         return;
     }
+    // A list from c{:} or s.f of a struct array shows every value; a call shows its first.
+    bool list = e.kind == ExprKind::Postfix && !e.suffixes.empty() &&
+                e.suffixes.back().kind != Suffix::Paren;
+    std::size_t shown = list ? out.size() : 1;
     int ans = f.def->symbols.find("ans");
-    if (ans >= 0) {
-        slotRef(f, ans) = out[0];
-    } else if (f.ws != nullptr) {
-        f.ws->set("ans", out[0]);
-    }
-    if (s.print) {
-        write(1, displayText("ans", out[0]));
+    for (std::size_t i = 0; i < shown; ++i) {
+        if (ans >= 0) {
+            slotRef(f, ans) = out[i];
+        }
+        if (s.print) {
+            write(1, displayText("ans", out[i]));
+        }
     }
 }
 

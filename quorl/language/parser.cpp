@@ -84,7 +84,24 @@ private:
     LValue toLValue(ExprPtr e, Token const& where);
     bool statementHasAssign() const;
 
-    ExprPtr parseExpr() { return parseOrOr(); }
+    // Nesting deeper than this is refused, so that no input can exhaust the stack.
+    static constexpr int kMaxNesting = 256;
+    struct Nesting {
+        RecursiveDescent& p;
+        explicit Nesting(RecursiveDescent& parser) : p(parser) {
+            if (++p.nesting_ > kMaxNesting) {
+                --p.nesting_;
+                p.fail("Code is nested too deeply");
+            }
+        }
+        ~Nesting() { --p.nesting_; }
+        Nesting(Nesting const&) = delete;
+        Nesting& operator=(Nesting const&) = delete;
+    };
+    ExprPtr parseExpr() {
+        Nesting n(*this);
+        return parseOrOr();
+    }
     ExprPtr parseOrOr();
     ExprPtr parseAndAnd();
     ExprPtr parseOr();
@@ -120,6 +137,7 @@ private:
     std::shared_ptr<Unit> unit_;
     FunctionDef* fn_ = nullptr;
     int indexDepth_ = 0; // inside the parentheses or braces of an index, where 'end' is a value
+    int nesting_ = 0;
 };
 
 void RecursiveDescent::parseUnit() {
@@ -217,6 +235,7 @@ bool RecursiveDescent::statementHasAssign() const {
 }
 
 std::unique_ptr<Stmt> RecursiveDescent::parseStatement() {
+    Nesting n(*this);
     Token const& t = cur();
     if (t.type == Tok::Keyword) {
         if (t.text == "if") {
@@ -662,6 +681,7 @@ ExprPtr RecursiveDescent::parseMul() {
 }
 
 ExprPtr RecursiveDescent::parseUnary() {
+    Nesting n(*this);
     if (isOp("-") || isOp("+") || isOp("~")) {
         Token t = cur();
         ++pos_;
@@ -674,6 +694,7 @@ ExprPtr RecursiveDescent::parseUnary() {
 }
 
 ExprPtr RecursiveDescent::parsePowerOperand() {
+    Nesting n(*this);
     if (isOp("-") || isOp("+") || isOp("~")) {
         Token t = cur();
         ++pos_;

@@ -142,4 +142,31 @@ TEST(ParserErrors, PositionsOfCommonMistakes) {
     }
 }
 
+TEST(ParserErrors, DeepNestingIsRefusedNotACrash) {
+    for (std::string open : {"(", "[", "{", "-", "~", "if 1\n"}) {
+        std::string code = "x = ";
+        std::string close = open == "(" ? ")" : open == "[" ? "]" : open == "{" ? "}" : "";
+        if (open == "if 1\n") {
+            code.clear();
+            close = "end\n";
+        }
+        for (int i = 0; i < 100000; ++i) {
+            code += open;
+        }
+        code += open == "if 1\n" ? "x = 1\n" : "1";
+        for (int i = 0; i < 100000; ++i) {
+            code += close;
+        }
+        try {
+            parse(code);
+            ADD_FAILURE() << "no error for nesting of " << open;
+        } catch (LanguageError const& e) {
+            EXPECT_NE(std::string(e.what()).find("nested too deeply"), std::string::npos)
+                << e.what();
+        }
+    }
+    // Ordinary nesting is fine.
+    EXPECT_NO_THROW(parse("x = ((((1 + [2, {3}{1}]))));"));
+}
+
 } // namespace
