@@ -736,12 +736,11 @@ BUILTIN(bi_struct) {
 BUILTIN(bi_fieldnames) {
     needArgs(a, 1, 1, "fieldnames");
     std::vector<std::string> n;
-    if (a[0].isStruct()) {
+    if (a[0].isStruct() || (a[0].classID() == hvOBJECT_CLASS && !a[0].isStringObject())) {
+        // Fields of a struct, properties of an object.
         for (std::size_t f = 0; f < hvGetNumberOfFields(a[0].hv()); ++f) {
             n.push_back(hvGetFieldNameByNumber(a[0].hv(), f));
         }
-    } else if (a[0].classID() == hvOBJECT_CLASS && !a[0].isStringObject()) {
-        n = refBoxProperties();
     } else {
         bad("fieldnames needs a struct.");
     }

@@ -202,9 +202,10 @@ std::vector<std::string> bodyLines(Value const& v) {
     }
     if (v.classID() == hvOBJECT_CLASS) {
         std::vector<std::string> lines;
-        char const* const names[] = {"Value", "Label"};
-        for (char const* n : names) {
-            hvArray* p = hvGetProperty(v.hv(), 0, n);
+        const hvArray* a = v.hv();
+        for (std::size_t f = 0; f < hvGetNumberOfFields(a); ++f) {
+            char const* n = hvGetFieldNameByNumber(a, f);
+            hvArray* p = hvGetProperty(a, 0, n);
             if (p != nullptr) {
                 lines.push_back(std::string(n) + ": " + summary(Value::adopt(p)));
             }

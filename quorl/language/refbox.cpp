@@ -27,10 +27,6 @@ void registerRefBoxClass() {
     });
 }
 
-std::vector<std::string> refBoxProperties() {
-    return {kProperties[0], kProperties[1]};
-}
-
 Value makeRefBox(Value const& value, Value const& label) {
     registerRefBoxClass();
     hvArray* box = hvCreateClassArray("RefBox", 1, 1);

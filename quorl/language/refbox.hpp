@@ -14,7 +14,6 @@ namespace quorl {
 namespace language {
 
 Value makeRefBox(Value const& value, Value const& label);
-std::vector<std::string> refBoxProperties();
 // Registers the class (idempotent).
 void registerRefBoxClass();
 
