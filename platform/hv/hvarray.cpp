@@ -166,6 +166,7 @@ HvData* copyData(const HvData& source) {
     copy->fields = source.fields;
     copy->strings = source.strings;
     copy->functionName = source.functionName;
+    copy->payload = source.payload;
     copy->boundMethod = source.boundMethod;
     copy->boundClass = source.boundClass;
     return copy.release();
@@ -421,6 +422,20 @@ hvArray* hvCreateFunctionHandle(const char* functionName) {
     hvArray* array = newArray(hvFUNCTION_CLASS, {1, 1});
     array->data->functionName = functionName;
     return array;
+}
+
+hvArray* hvCreateFunctionHandleWithPayload(const char* functionName,
+                                           std::shared_ptr<const void> payload) {
+    hvArray* array = hvCreateFunctionHandle(functionName);
+    array->data->payload = std::move(payload);
+    return array;
+}
+
+std::shared_ptr<const void> hvGetFunctionHandlePayload(const hvArray* array) {
+    if (array == nullptr || array->cls != hvFUNCTION_CLASS || array->data == nullptr) {
+        return nullptr;
+    }
+    return array->data->payload;
 }
 
 void hvDestroyArray(const hvArray* array) {

@@ -105,6 +105,13 @@ hvArray* hvCreateStructMatrix(std::size_t m, std::size_t n, std::size_t nfields,
                               const char* const* fieldNames);
 // A 1-by-1 function handle naming a function.
 hvArray* hvCreateFunctionHandle(const char* functionName);
+// A function handle that also carries `payload`: data of the code that made it (such as an
+// anonymous function's body and captured values). Copies share the payload; equality compares
+// it by pointer; serialization keeps the name only.
+hvArray* hvCreateFunctionHandleWithPayload(const char* functionName,
+                                           std::shared_ptr<const void> payload);
+// The payload of a function handle; null for other arrays and for handles without one.
+std::shared_ptr<const void> hvGetFunctionHandlePayload(const hvArray* array);
 
 // Destroys an array and, when it held the last reference to its data, the data (and so the
 // elements of a cell or struct). Null is allowed. Opaque arrays call their class's destroy.
@@ -332,6 +339,8 @@ hvArray* hvCreateStringObjectArray(std::size_t ndim, const std::size_t* dims,
                                    const char* const* utf8);
 // Element `index` of a string array.
 ustring hvGetStringElement(const hvArray* array, std::size_t index);
+// Sets element `index` of a string array (copy on write as for other data).
+void hvSetStringElement(hvArray* array, std::size_t index, const ustring& text);
 
 // Shows the array as text through utPrintf under `name` (null: no name). Objects and opaque
 // arrays whose class has a "disp" method are shown by it.

@@ -275,3 +275,30 @@ TEST(HvArray, UtPrintfGoesToTheInstalledSink) {
 }
 
 } // namespace
+
+namespace {
+
+TEST(HvArray, FunctionHandlePayloadIsSharedComparedByPointerAndNotSaved) {
+    auto payload = std::make_shared<int>(7);
+    HvArrayPtr f(hvCreateFunctionHandleWithPayload("@(x) x", payload));
+    HvArrayPtr copy(hvCreateSharedDataCopy(f.get()));
+    HvArrayPtr dup(hvDuplicateArray(f.get()));
+    EXPECT_EQ(hvGetFunctionHandlePayload(copy.get()), payload);
+    EXPECT_EQ(hvGetFunctionHandlePayload(dup.get()), payload);
+    EXPECT_TRUE(hvAreMatricesEqual(f.get(), dup.get()));
+    HvArrayPtr other(hvCreateFunctionHandleWithPayload("@(x) x", std::make_shared<int>(7)));
+    EXPECT_FALSE(hvAreMatricesEqual(f.get(), other.get()));
+    HvArrayPtr plain(hvCreateFunctionHandle("sin"));
+    EXPECT_EQ(hvGetFunctionHandlePayload(plain.get()), nullptr);
+    EXPECT_EQ(hvGetFunctionHandlePayload(nullptr), nullptr);
+    HvArrayPtr bytes(hvSerialize(f.get()));
+    HvArrayPtr back(hvDeserialize(hvGetReadOnlyData(bytes.get()), hvGetN(bytes.get())));
+    EXPECT_EQ(hvGetFunctionName(back.get()), "@(x) x");
+    EXPECT_EQ(hvGetFunctionHandlePayload(back.get()), nullptr);
+    payload.reset();
+    f.reset();
+    copy.reset();
+    EXPECT_NE(hvGetFunctionHandlePayload(dup.get()), nullptr); // kept alive by the last holder
+}
+
+} // namespace

@@ -607,15 +607,29 @@ hvArray* hvCreateStringObjectArray(std::size_t ndim, const std::size_t* dims,
     return array.release();
 }
 
-ustring hvGetStringElement(const hvArray* array, std::size_t index) {
-    requireArray(array, "hvGetStringElement");
+namespace {
+
+void checkStringElement(const hvArray* array, std::size_t index, const char* function) {
+    requireArray(array, function);
     if (!isStringArray(array)) {
-        badClass(array, "hvGetStringElement", "a string array");
+        badClass(array, function, "a string array");
     }
     if (index >= array->data->strings.size()) {
-        throw std::out_of_range("hvGetStringElement: element " + std::to_string(index) +
+        throw std::out_of_range(std::string(function) + ": element " + std::to_string(index) +
                                 " is beyond the " + std::to_string(array->data->strings.size()) +
                                 " elements");
     }
+}
+
+} // namespace
+
+void hvSetStringElement(hvArray* array, std::size_t index, const ustring& text) {
+    checkStringElement(array, index, "hvSetStringElement");
+    makeWritable(array);
+    array->data->strings[index] = text;
+}
+
+ustring hvGetStringElement(const hvArray* array, std::size_t index) {
+    checkStringElement(array, index, "hvGetStringElement");
     return array->data->strings[index];
 }

@@ -297,4 +297,17 @@ TEST(HvString, CellstrConstructionAndAvailability) {
     EXPECT_TRUE(hvAreMatricesEqual(back.get(), s.get()));
 }
 
+TEST(HvString, SetElementWritesOneCopyOnly) {
+    const std::size_t dims[] = {1, 2};
+    const char* texts[] = {"a", "b"};
+    HvArrayPtr s(hvCreateStringObjectArray(2, dims, texts));
+    HvArrayPtr shared(hvCreateSharedDataCopy(s.get()));
+    hvSetStringElement(s.get(), 1, u"changed");
+    EXPECT_EQ(hvGetStringElement(s.get(), 1), u"changed");
+    EXPECT_EQ(hvGetStringElement(shared.get(), 1), u"b");
+    EXPECT_THROW(hvSetStringElement(s.get(), 2, u"x"), std::out_of_range);
+    HvArrayPtr d(hvCreateDoubleScalar(1));
+    EXPECT_THROW(hvSetStringElement(d.get(), 0, u"x"), std::invalid_argument);
+}
+
 } // namespace

@@ -296,7 +296,8 @@ bool hvAreMatricesEqual(const hvArray* a, const hvArray* b) {
         }
         return true;
     case hvFUNCTION_CLASS:
-        return x.functionName == y.functionName && x.boundClass == y.boundClass;
+        return x.functionName == y.functionName && x.boundClass == y.boundClass &&
+               x.payload == y.payload;
     case hvCELL_CLASS:
     case hvSTRUCT_CLASS:
     case hvOBJECT_CLASS:

@@ -44,6 +44,7 @@ struct HvData {
     std::vector<std::string> fields;        // structs, objects
     std::vector<ustring> strings;           // "string" arrays
     std::string functionName;               // function handles
+    std::shared_ptr<const void> payload;    // function handles: data of the code that made it
     hvMethodFunction boundMethod = nullptr; // a method object of an object class
     const ObjectClass* boundClass = nullptr;
 

@@ -1,0 +1,345 @@
+#include <quorl/language/interpreter.hpp>
+
+#include <quorl/language/customworkspaceadapter.hpp>
+#include <quorl/language/localworkspace.hpp>
+
+#include <boost/filesystem.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <map>
+#include <mutex>
+
+namespace {
+
+using namespace quorl::language;
+namespace ext = foundation::extdata;
+
+// Collects text; the first write fulfils `started` (the evaluation is running).
+class CapturingBuffer : public std::basic_streambuf<char16_t> {
+public:
+    std::promise<void> started;
+    std::string text() {
+        std::lock_guard<std::mutex> g(m_);
+        return toUtf8(s_);
+    }
+
+protected:
+    std::streamsize xsputn(char16_t const* p, std::streamsize n) override {
+        {
+            std::lock_guard<std::mutex> g(m_);
+            s_.append(p, static_cast<std::size_t>(n));
+        }
+        if (!signalled_) {
+            signalled_ = true;
+            started.set_value();
+        }
+        return n;
+    }
+    int_type overflow(int_type c) override {
+        char16_t u = traits_type::to_char_type(c);
+        xsputn(&u, 1);
+        return c;
+    }
+
+private:
+    std::mutex m_;
+    std::u16string s_;
+    bool signalled_ = false;
+};
+
+class TempDir {
+public:
+    TempDir() : path_(boost::filesystem::temp_directory_path() / boost::filesystem::unique_path()) {
+        boost::filesystem::create_directories(path_);
+    }
+    ~TempDir() {
+        boost::system::error_code ec;
+        boost::filesystem::remove_all(path_, ec);
+    }
+    std::string str() const { return path_.string(); }
+    std::string write(std::string const& name, std::string const& text) const {
+        std::string p = (path_ / name).string();
+        std::ofstream(p) << text;
+        return p;
+    }
+
+private:
+    boost::filesystem::path path_;
+};
+
+std::string run(Interpreter& in, std::string const& code) {
+    CapturingBuffer out;
+    EvalIo io;
+    io.out = &out;
+    in.evaluate(code, io);
+    return out.text();
+}
+
+TEST(InterpreterInterrupt, StopsBusyLoopAndPauseFromAnotherThread) {
+    for (char const* code : {"disp('go'); while true, end", "disp('go'); pause(100)",
+                             "disp('go'); for i = 1:1e12, x = i; end"}) {
+        Interpreter in;
+        std::atomic<bool> flag{false};
+        CapturingBuffer out;
+        std::future<void> started = out.started.get_future();
+        EvalIo io;
+        io.out = &out;
+        io.interrupt = &flag;
+        std::future<std::string> done = std::async(std::launch::async, [&] {
+            try {
+                in.evaluate(code, io);
+                return std::string("finished");
+            } catch (InterruptedError const& e) {
+                return e.identifier();
+            }
+        });
+        started.wait();
+        auto t0 = std::chrono::steady_clock::now();
+        flag.store(true);
+        std::string how = done.get();
+        auto elapsed = std::chrono::steady_clock::now() - t0;
+        EXPECT_EQ(how, errid::interrupted) << code;
+        EXPECT_LT(elapsed, std::chrono::milliseconds(50)) << code;
+    }
+}
+
+TEST(InterpreterInterrupt, TryCatchDoesNotSwallowAnInterrupt) {
+    Interpreter in;
+    std::atomic<bool> flag{true};
+    EvalIo io;
+    io.interrupt = &flag;
+    EXPECT_THROW(in.evaluate("try, while true, end, catch e, x = 1; end", io), InterruptedError);
+    flag = false;
+    Value x;
+    EXPECT_FALSE(in.workspace().get("x", x));
+}
+
+TEST(InterpreterStack, ThreeDeepCallReportsThreeFramesWithFileNameAndLine) {
+    TempDir dir;
+    std::string f1 =
+        dir.write("outer1.qrl", "function r = outer1(x)\n  r = middle2(x) + 1;\nend\n");
+    std::string f2 = dir.write("middle2.qrl", "function r = middle2(x)\n\n  r = inner3(x);\nend\n");
+    std::string f3 = dir.write(
+        "inner3.qrl", "function r = inner3(x)\n  y = 2;\n  r = y + undefinedThing(x);\nend\n");
+    Interpreter in;
+    in.setSearchPath({dir.str()});
+    try {
+        run(in, "a = 1;\nb = outer1(a);");
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), errid::undefined);
+        ASSERT_EQ(e.stack().size(), 3u);
+        EXPECT_EQ(e.stack()[0].file, f3);
+        EXPECT_EQ(e.stack()[0].function, "inner3");
+        EXPECT_EQ(e.stack()[0].line, 3);
+        EXPECT_EQ(e.stack()[1].file, f2);
+        EXPECT_EQ(e.stack()[1].function, "middle2");
+        EXPECT_EQ(e.stack()[1].line, 3);
+        EXPECT_EQ(e.stack()[2].file, f1);
+        EXPECT_EQ(e.stack()[2].function, "outer1");
+        EXPECT_EQ(e.stack()[2].line, 2);
+    }
+}
+
+TEST(InterpreterStack, ErrorInCatchKeepsTheCaughtErrorAsCauseAndRethrowKeepsItsOwn) {
+    Interpreter in;
+    try {
+        run(in, "try\n  error('a:b', 'first %d', 1);\ncatch e\n  error('c:d', 'second');\nend");
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), "c:d");
+        EXPECT_EQ(e.message(), "second");
+        ASSERT_EQ(e.causes().size(), 1u);
+        EXPECT_EQ(e.causes()[0].identifier(), "a:b");
+        EXPECT_EQ(e.causes()[0].message(), "first 1");
+    }
+    try {
+        run(in, "try\n  error('a:b', 'only');\ncatch e\n  rethrow(e);\nend");
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), "a:b");
+        EXPECT_TRUE(e.causes().empty());
+    }
+}
+
+TEST(InterpreterSyntax, ErrorsNameLineAndColumnAndRunNothing) {
+    Interpreter in;
+    struct Case {
+        char const* code;
+        char const* where;
+    } const cases[] = {{"x = 1;\ny = (2 + ;", "line 2, column 10"},
+                       {"x = [1 2", "line 1, column 5"},
+                       {"if x\n  y = 1;\n", "line 3"},
+                       {"a = 3 $ 4", "line 1, column 7"},
+                       {"s = 'open", "line 1, column 5"}};
+    for (Case const& c : cases) {
+        try {
+            run(in, c.code);
+            ADD_FAILURE() << "no error for " << c.code;
+        } catch (LanguageError const& e) {
+            EXPECT_EQ(e.identifier(), errid::syntax) << c.code;
+            EXPECT_NE(std::string(e.what()).find(c.where), std::string::npos)
+                << c.code << ": " << e.what();
+        }
+    }
+    Value x;
+    EXPECT_FALSE(in.workspace().get("x", x));
+}
+
+TEST(InterpreterFunctions, FilesAreCachedAndReadAgainWhenChanged) {
+    TempDir dir;
+    dir.write("version.qrl", "function v = version()\n  v = 1;\nend\n");
+    Interpreter in;
+    in.setSearchPath({dir.str()});
+    EXPECT_EQ(run(in, "disp(version())"), "1\n");
+    dir.write("version.qrl", "function v = version()\n  v = 22;\nend\n");
+    EXPECT_EQ(run(in, "disp(version())"), "22\n");
+    dir.write("version.qrl", "function v = version()\n  v = 22 +;\nend\n");
+    EXPECT_THROW(run(in, "disp(version())"), LanguageError);
+    dir.write("version.qrl", "function v = version()\n  v = helper() * 3;\nend\n"
+                             "function h = helper()\n  h = 5;\nend\n");
+    EXPECT_EQ(run(in, "disp(version())"), "15\n");
+    // A local function is not visible from outside its file.
+    EXPECT_THROW(run(in, "helper()"), LanguageError);
+}
+
+TEST(InterpreterFunctions, RunTimeDefinitionsAndCallsWithOutputCounts) {
+    Interpreter in;
+    in.defineFunctions("function [s, p, n] = sumprod(a, b)\n  s = a + b;\n  p = a * b;\n"
+                       "  n = nargout;\nend\n");
+    HvArrayPtr a(hvCreateDoubleScalar(3));
+    HvArrayPtr b(hvCreateDoubleScalar(4));
+    EvalIo io;
+    std::vector<HvArrayPtr> r = in.callFunction("sumprod", 3, {a.get(), b.get()}, io);
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(hvGetScalar(r[0].get()), 7);
+    EXPECT_EQ(hvGetScalar(r[1].get()), 12);
+    EXPECT_EQ(hvGetScalar(r[2].get()), 3);
+    r = in.callFunction("sumprod", 1, {a.get(), b.get()}, io);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(hvGetScalar(r[0].get()), 7);
+    try {
+        in.callFunction("sumprod", 4, {a.get(), b.get()}, io);
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), errid::tooManyOutputs);
+    }
+    try {
+        in.callFunction("nosuchfunction", 1, {}, io);
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), errid::undefined);
+    }
+    // Built-ins are reachable by name too, and a definition inside evaluated code stays.
+    r = in.callFunction("max", 1, {a.get(), b.get()}, io);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(hvGetScalar(r[0].get()), 4);
+    run(in, "x = 1;\nfunction y = twice(v)\n  y = 2 * v;\nend\n");
+    EXPECT_EQ(hvGetScalar(in.callFunction("twice", 1, {b.get()}, io)[0].get()), 8);
+}
+
+// A client workspace as a client would keep it: external arrays by name.
+class MapWorkspace : public ext::array::ICustomWorkspace {
+public:
+    std::map<std::string, ext::Array> vars;
+    ext::Array getVariable(const char* name) override {
+        auto it = vars.find(name);
+        return it == vars.end() ? ext::Array() : it->second;
+    }
+    ext::array::VariableInfo getVariables(const std::vector<const char*>&) override {
+        throw std::logic_error("not used");
+    }
+    void setVariables(std::vector<const char*> names, std::vector<ext::Array> values) override {
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            vars[names[i]] = values[i];
+        }
+    }
+    void clearVariable(const char* name) override { vars.erase(name); }
+    std::vector<std::string> getVariableNames() override {
+        std::vector<std::string> n;
+        for (auto const& kv : vars) {
+            n.push_back(kv.first);
+        }
+        return n;
+    }
+};
+
+TEST(InterpreterWorkspace, ClientWorkspaceIsReadAndWrittenAsExternalArrays) {
+    MapWorkspace client;
+    client.vars["n"] = ext::Array::createScalar(4.0);
+    client.vars["name"] = ext::Array::createChar(u"ab");
+    client.vars["gone"] = ext::Array::createScalar(1.0);
+    CustomWorkspaceAdapter ws(client);
+    Interpreter in;
+    CapturingBuffer out;
+    EvalIo io;
+    io.out = &out;
+    in.evaluate("v = 1:n; s.label = [name 'c']; s.list = {int8(3), \"str\"};\n"
+                "flags = v > 2; clear gone; disp(numel(v))",
+                ws, io);
+    EXPECT_EQ(out.text(), "4\n");
+    EXPECT_EQ(client.vars.count("gone"), 0u);
+    ext::Array v = client.vars.at("v");
+    ASSERT_EQ(v.getType(), ext::DOUBLE);
+    EXPECT_EQ(v.getDimensions(), (ext::Array::Dims{1, 4}));
+    EXPECT_EQ(v.get<double>(3), 4.0);
+    ext::Array flags = client.vars.at("flags");
+    ASSERT_EQ(flags.getType(), ext::LOGICAL);
+    EXPECT_FALSE(flags.get<bool>(1));
+    EXPECT_TRUE(flags.get<bool>(2));
+    ext::Array s = client.vars.at("s");
+    ASSERT_EQ(s.getType(), ext::STRUCT);
+    EXPECT_EQ(s.getField(0, "label").getCharacters(), u"abc");
+    ext::Array list = s.getField(0, "list");
+    ASSERT_EQ(list.getType(), ext::CELL);
+    EXPECT_EQ(list.getCell(0).getType(), ext::INT8);
+    EXPECT_EQ(list.getCell(1).getString(0), u"str");
+    // Values written by the client are seen by the next evaluation, and round trips keep them.
+    client.vars["n"] = ext::Array::createScalar(2.0);
+    in.evaluate("w = s; w.k = n * 10;", ws, io);
+    EXPECT_EQ(client.vars.at("w").getField(0, "k").get<double>(0), 20.0);
+    EXPECT_EQ(client.vars.at("w").getField(0, "list"), list);
+    // What has no external form fails the evaluation with a clear error.
+    try {
+        in.evaluate("h = @(x) x + 1;", ws, io);
+        FAIL() << "no error";
+    } catch (LanguageError const& e) {
+        EXPECT_EQ(e.identifier(), errid::wrongType);
+    }
+}
+
+TEST(InterpreterWorkspace, VariablesWrittenBeforeAnErrorAreKept) {
+    Interpreter in;
+    EXPECT_THROW(run(in, "a = 5;\nb = a + undefinedName;"), LanguageError);
+    Value a;
+    ASSERT_TRUE(in.workspace().get("a", a));
+    EXPECT_EQ(a.scalar(), 5);
+    EXPECT_EQ(run(in, "disp(a * 2)"), "10\n");
+}
+
+TEST(InterpreterObjects, RefBoxCopiesShareStateAndCannotBeSerialized) {
+    Interpreter in;
+    EXPECT_EQ(run(in, "b = RefBox(1, 'box'); c = b; c.Value = 42; disp(b.Value); "
+                      "disp(class(b)); disp(isa(b, 'handle'))"),
+              "42\nRefBox\n1\n");
+    Value b;
+    ASSERT_TRUE(in.workspace().get("b", b));
+    EXPECT_THROW(HvArrayPtr(hvSerialize(b.hv())), std::runtime_error);
+}
+
+TEST(InterpreterOutput, ErrorStreamAndOutputStreamAreSeparate) {
+    Interpreter in;
+    CapturingBuffer out, err;
+    EvalIo io;
+    io.out = &out;
+    io.err = &err;
+    in.evaluate("fprintf(1, 'to out\\n'); fprintf(2, 'to err %d\\n', 2); warning('careful');", io);
+    EXPECT_EQ(out.text(), "to out\n");
+    EXPECT_EQ(err.text(), "to err 2\nWarning: careful\n");
+}
+
+} // namespace
