@@ -346,6 +346,8 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
     }
 
     try {
+        if (!iip)
+            throw std::invalid_argument("request must contain an IIP.");
         if (!isLocal_ && !iip->canBeSerialized())
             throw std::invalid_argument(
                 "a packet of plug-in type \"" + iip->getPluginType() +

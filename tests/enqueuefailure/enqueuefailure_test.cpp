@@ -54,7 +54,7 @@ BOOST_CLASS_EXPORT_IMPLEMENT(RefusedOnArrival)
 
 namespace {
 
-// A request for a packet made by `make`.
+// A request for the given packet (null: a request without one).
 class PacketRequest : public CmdRequest {
 public:
     explicit PacketRequest(boost::shared_ptr<IIP> packet)
@@ -145,6 +145,14 @@ TEST(EnqueueFailure, ADeliverThatThrowsInThisProcessFailsTheRequest) {
     auto after = d->enqueueWithFuture(refused());
     EXPECT_EQ(failureOf(after), "deliver refused the packet");
     EXPECT_EQ(tracked(d), 0u);
+
+    // A request without a packet is refused before anything is sent.
+    int const deliveredBefore = delivered.load();
+    EXPECT_THROW(d->enqueue(boost::make_shared<PacketRequest>(nullptr), WTD::DequeueDefault),
+                 std::invalid_argument);
+    EXPECT_EQ(tracked(d), 0u);
+    EXPECT_EQ(failureOf(after = d->enqueueWithFuture(refused())), "deliver refused the packet");
+    EXPECT_EQ(delivered.load(), deliveredBefore + 1);
 }
 
 TEST(EnqueueFailure, FailuresAtAnotherExchangeComeBackToTheRequest) {
@@ -163,6 +171,8 @@ TEST(EnqueueFailure, FailuresAtAnotherExchangeComeBackToTheRequest) {
     EXPECT_NE(why.find("'server'"), std::string::npos) << why;
     EXPECT_THROW(d->enqueue(boost::make_shared<FcnCmdRequest<void>>([] {}, nullptr, nullptr),
                             WTD::DequeueDefault),
+                 std::invalid_argument);
+    EXPECT_THROW(d->enqueue(boost::make_shared<PacketRequest>(nullptr), WTD::DequeueDefault),
                  std::invalid_argument);
 
     // The far end's deliver throws: its reason comes back as a communication failure.

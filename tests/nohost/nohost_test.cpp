@@ -6,12 +6,14 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
+#include <foundation/core/log/diagnosticlogger.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <sstream>
 
 using namespace cmddistributor;
 using foundation::msg_svc::exchange::IDType;
@@ -35,6 +37,11 @@ template <> struct CmdRequestTraits<TestRequest> : CmdRequestTraits<CmdRequest> 
 } // namespace cmddistributor
 
 TEST(NoHost, EnqueuedPacketsAreDiscardedNotLost) {
+    std::ostringstream log;
+    foundation::core::log::set_console_stream(&log);
+    foundation::core::log::set_channel_mask(
+        "cmddistributor::IIPEnqueueMessage",
+        foundation::core::log::mask_from(foundation::core::log::warning));
     auto manager = quorl::eventmgr::createLocalEventMgr(boost::none);
     // Unwatched: the message answers, and no event is built.
     IIPEnqueueMessage const unwatched(boost::make_shared<TestIIP const>(), IDType(),
@@ -61,4 +68,11 @@ TEST(NoHost, EnqueuedPacketsAreDiscardedNotLost) {
     auto future = d.enqueueWithFuture(boost::make_shared<TestRequest>());
     EXPECT_THROW(future.get(), AlreadyCancelledException);
     EXPECT_EQ(d.cancelRequest(IDType(), true).get(), CmdDistributor::CancelNotFound);
+
+    // Three discards, one warning.
+    std::string const text = log.str();
+    std::string const warning = "[cmddistributor::IIPEnqueueMessage] warning: no deliver function";
+    ASSERT_NE(text.find(warning), std::string::npos) << text;
+    EXPECT_EQ(text.find(warning, text.find(warning) + 1), std::string::npos) << text;
+    foundation::core::log::set_console_stream(&std::clog);
 }
