@@ -4,6 +4,7 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>
 
 #include <boost/serialization/base_object.hpp>
@@ -47,8 +48,13 @@ IIPEnqueueMessage::~IIPEnqueueMessage() = default;
 boost::shared_ptr<Reply const>
 IIPEnqueueMessage::deliver(foundation::msg_svc::exchange::Routing const& routing) const {
     boost::shared_ptr<IIP> iip = boost::const_pointer_cast<IIP>(iip_);
+    auto eventMgr = eventMgr_;
+    if (!eventMgr && routing.source() !=
+                         foundation::msg_svc::exchange::ExchangeApi::instance()->getExchangeName())
+        // Read from another exchange: the packet's events go back to the session there.
+        eventMgr = quorl::eventmgr::createRemoteEventMgr(routing.source(), tarnId_, boost::none);
     if (DeliverFuncPtr f = deliverFunc.load())
-        return f(routing, iip, iipId_, fennId_, tarnId_, eventMgr_, dequeueMode_, hasFuture_);
+        return f(routing, iip, iipId_, fennId_, tarnId_, eventMgr, dequeueMode_, hasFuture_);
     auto manager = quorl::eventmgr::createLocalEventMgr(boost::optional<TarnID>());
     manager->notifyIfWatched<IIPDiscardedEvent>(foundation::msg_svc::eventmgr::DeliverQueued,
                                                 iipId_);

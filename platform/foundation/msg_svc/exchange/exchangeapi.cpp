@@ -156,6 +156,7 @@ public:
         }
         switch (frame.kind) {
         case wire::FrameKind::Message:
+        case wire::FrameKind::Notice:
             receiveMessage(from, frame);
             break;
         case wire::FrameKind::Reply:
@@ -271,41 +272,68 @@ private:
             return;
         }
         wire::Frame frame;
-        frame.kind = wire::FrameKind::Message;
+        frame.kind = done ? wire::FrameKind::Message : wire::FrameKind::Notice;
         frame.queue = address.queue();
+        std::string bytes;
         try {
             frame.payload = wire::encodeMessage(*message);
+            bytes = wire::encodeFrame(frame); // sized before it is numbered: see below
         } catch (...) {
-            fail(done, boost::current_exception());
+            refuse(done, boost::current_exception(), "could not be encoded");
             return;
         }
-        if (done) {
+        {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopped_) {
                 fail(done,
                      boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
                 return;
             }
-            frame.correlation = nextCorrelation_++;
-            pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+            if (done) {
+                frame.correlation = nextCorrelation_++;
+                pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+            } else {
+                frame.correlation = kNoticeBit | nextNotice_++;
+            }
         }
+        wire::setCorrelation(bytes, frame.correlation);
         try {
-            transport_->send(peer, wire::encodeFrame(frame));
+            transport_->sendOwned(peer, std::move(bytes));
+        } catch (FrameRefused const& refused) {
+            // The frame, not the peer, is at fault: only its sender hears of it.
+            refuse(takePending(frame.correlation), boost::copy_exception(refused), "was refused");
         } catch (...) {
             auto e = boost::current_exception();
-            Completion pendingDone;
-            if (frame.correlation) {
-                std::lock_guard<std::mutex> lock(mutex_);
-                auto it = pending_.find(frame.correlation);
-                if (it != pending_.end()) {
-                    pendingDone = std::move(it->second.done);
-                    pending_.erase(it);
-                }
-            }
-            if (pendingDone)
+            if (Completion pendingDone = takePending(frame.correlation))
                 pendingDone(nullptr, e);
             eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
         }
+    }
+
+    // The completion waiting for `correlation`, taken out of the pending ones; null if none.
+    Completion takePending(std::uint64_t correlation) {
+        if (correlation & kNoticeBit)
+            return nullptr;
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = pending_.find(correlation);
+        if (it == pending_.end())
+            return nullptr;
+        Completion done = std::move(it->second.done);
+        pending_.erase(it);
+        return done;
+    }
+
+    // A message that cannot be sent at all: its completion fails; without one (submit), the
+    // caller hears of it by the exception, since nothing else would tell it.
+    static void refuse(Completion const& done, boost::exception_ptr const& cause,
+                       char const* what) {
+        auto const e = boost::copy_exception(
+            DeliveryError(std::string("a message ") + what + ": " + describe(cause)));
+        if (done) {
+            done(nullptr, e);
+            return;
+        }
+        boost::rethrow_exception(e);
     }
 
     void sendBack(std::string const& to, wire::Frame const& frame) {
@@ -323,15 +351,17 @@ private:
         try {
             message = wire::decodeMessage(frame.payload);
         } catch (std::exception const& e) {
+            // The sender must hear of it, whether or not it waits for a reply.
             if (frame.correlation)
                 sendBack(from, wire::Frame{wire::FrameKind::Failure, frame.correlation, "",
-                                           std::string("undecodable message: ") + e.what()});
+                                           "exchange '" + name_ +
+                                               "' could not decode a message: " + e.what()});
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped an undecodable message from " << from << ": " << e.what();
             return;
         }
         Completion done;
-        if (frame.correlation) {
+        if (frame.kind == wire::FrameKind::Message) {
             std::uint64_t const corr = frame.correlation;
             done = [this, from, corr](boost::shared_ptr<Reply const> const& reply,
                                       boost::exception_ptr const& error) {
@@ -356,6 +386,16 @@ private:
     }
 
     void receiveReply(std::string const& from, wire::Frame const& frame) {
+        if (frame.correlation & kNoticeBit) {
+            if (frame.kind != wire::FrameKind::Failure)
+                return;
+            // A message sent without a reply was not understood there: whoever waits for its
+            // effects would wait forever, so the exchange is reported as failing.
+            ZN_LOG(logger(), log::error) << name_ << ": " << frame.payload;
+            eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(
+                from, boost::copy_exception(DeliveryError(frame.payload))));
+            return;
+        }
         Completion done;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -382,10 +422,12 @@ private:
     std::string const name_;
     boost::shared_ptr<Transport> transport_;
     std::atomic<bool> stopped_{false};
-    mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_
+    mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_, nextNotice_
     std::map<std::string, std::shared_ptr<Actor>> actors_;
     std::unordered_map<std::uint64_t, Pending> pending_;
     std::uint64_t nextCorrelation_ = 1;
+    std::uint64_t nextNotice_ = 1;
+    static constexpr std::uint64_t kNoticeBit = std::uint64_t(1) << 63;
     detail::SerialLane ordered_;
     detail::ElasticLane unordered_;
 };

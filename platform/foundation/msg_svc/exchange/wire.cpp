@@ -1,9 +1,8 @@
 #include <foundation/msg_svc/exchange/wire.hpp>
 
-#include <boost/archive/polymorphic_binary_iarchive.hpp>
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
+
 #include <boost/archive/polymorphic_binary_oarchive.hpp>
-#include <boost/iostreams/device/array.hpp>
-#include <boost/iostreams/stream.hpp>
 
 #include <cstring>
 #include <sstream>
@@ -61,9 +60,12 @@ template <class T> std::string encodeObject(T const& object) {
     return os.str();
 }
 
+// Bytes from another process: read with the guarded archive, which refuses what would make
+// Boost.Serialization misbehave on hostile input.
 template <class T> boost::shared_ptr<T const> decodeObject(std::string const& bytes) {
-    boost::iostreams::stream<boost::iostreams::array_source> is(bytes.data(), bytes.size());
-    boost::archive::polymorphic_binary_iarchive ia(is);
+    serialization::GuardedIArchive::Buffer buffer(bytes.data(), bytes.size());
+    std::istream is(&buffer);
+    serialization::PolymorphicGuardedIArchive ia(is);
     T* p = nullptr;
     ia >> boost::serialization::make_nvp("object", p);
     if (!p)
@@ -73,6 +75,8 @@ template <class T> boost::shared_ptr<T const> decodeObject(std::string const& by
 } // namespace
 
 std::string encodeFrame(Frame const& f) {
+    if (f.queue.size() > 0xFFFFFFFFu || f.payload.size() > 0xFFFFFFFFu)
+        throw std::length_error("a frame holds at most 4 GiB");
     std::string out;
     out.reserve(1 + 8 + 4 + f.queue.size() + 4 + f.payload.size());
     out.push_back(static_cast<char>(f.kind));
@@ -84,11 +88,18 @@ std::string encodeFrame(Frame const& f) {
     return out;
 }
 
+void setCorrelation(std::string& bytes, std::uint64_t correlation) {
+    if (bytes.size() < 9)
+        throw std::invalid_argument("not an encoded frame");
+    for (int i = 0; i < 8; ++i)
+        bytes[1 + i] = static_cast<char>((correlation >> (8 * i)) & 0xFF);
+}
+
 Frame decodeFrame(std::string const& bytes) {
     Reader r{bytes};
     Frame f;
     auto kind = r.uint(1);
-    if (kind < 1 || kind > 3)
+    if (kind < 1 || kind > 4)
         throw std::runtime_error("unknown frame kind " + std::to_string(kind));
     f.kind = static_cast<FrameKind>(kind);
     f.correlation = r.uint(8);

@@ -15,17 +15,22 @@ namespace msg_svc {
 namespace exchange {
 namespace wire {
 
-enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3 };
+// Message: a reply is wanted. Notice: a message whose sender wants no reply; its correlation
+// only names it in the Failure frame that answers a notice the receiver could not decode.
+// Reply and Failure answer a Message or Notice of that correlation.
+enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3, Notice = 4 };
 
 struct Frame {
     FrameKind kind = FrameKind::Message;
-    std::uint64_t correlation = 0; // 0: no reply wanted
-    std::string queue;             // Message: the queue at the receiver
-    std::string payload;           // Message/Reply: archive bytes; Failure: the error text
+    std::uint64_t correlation = 0;
+    std::string queue;   // Message/Notice: the queue at the receiver
+    std::string payload; // Message/Notice/Reply: archive bytes; Failure: the error text
 };
 
 std::string encodeFrame(Frame const& frame);
 Frame decodeFrame(std::string const& bytes);
+// Rewrites the correlation of an encoded frame in place.
+void setCorrelation(std::string& encodedFrame, std::uint64_t correlation);
 
 std::string encodeMessage(Message const& message);
 boost::shared_ptr<Message const> decodeMessage(std::string const& bytes);
