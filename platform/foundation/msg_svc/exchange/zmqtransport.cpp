@@ -340,9 +340,18 @@ private:
         s.set(zmq::sockopt::sndhwm, 0);
         s.set(zmq::sockopt::rcvhwm, 0);
         s.set(zmq::sockopt::maxmsgsize, options_.maxFrameSize);
-        s.set(zmq::sockopt::heartbeat_ivl, static_cast<int>(options_.heartbeatInterval.count()));
-        s.set(zmq::sockopt::heartbeat_timeout, static_cast<int>(options_.heartbeatTimeout.count()));
-        s.set(zmq::sockopt::heartbeat_ttl, static_cast<int>(options_.heartbeatTimeout.count()));
+    }
+
+    // The binding side sends the heartbeats and tells its peers to drop the connection after
+    // `heartbeatTimeout` without traffic. A connecting side sends none: its answers would queue
+    // behind a large frame it is sending, while the binding side's heartbeats reach it at once.
+    void configureHeartbeats(zmq::socket_t& router) {
+        router.set(zmq::sockopt::heartbeat_ivl,
+                   static_cast<int>(options_.heartbeatInterval.count()));
+        router.set(zmq::sockopt::heartbeat_ttl,
+                   static_cast<int>(options_.heartbeatTimeout.count()));
+        router.set(zmq::sockopt::heartbeat_timeout,
+                   static_cast<int>(options_.peerHeartbeatTimeout.count()));
     }
 
     zmq::socket_t monitorOf(zmq::socket_t& s, int events) {
@@ -359,6 +368,7 @@ private:
     void bind() {
         router_ = zmq::socket_t(context_, ZMQ_ROUTER);
         configureCommon(router_);
+        configureHeartbeats(router_);
         router_.set(zmq::sockopt::router_mandatory, 1);
         router_.set(zmq::sockopt::router_handover, 1);
         std::string endpoint = name_;

@@ -7,10 +7,11 @@
 // endpoint (made on first use, its routing id the own exchange's name), or, for a peer that has
 // connected to us and has no endpoint of its own we dialled, back through the ROUTER.
 //
-// Failure: heartbeats and the socket monitor turn a dead or vanished peer into
-// TransportSink::peerFailed within about a second; a peer that never completes its handshake
-// (absent, or refusing our key) fails after `connectTimeout`. The connection to a failed peer is
-// dropped; the next frame for it connects again, so a peer that comes back is used again.
+// Failure: heartbeats and the socket monitor turn a dead or vanished binding peer into
+// TransportSink::peerFailed within about a second (a closed connection at once); a peer that never
+// completes its handshake (absent, or refusing our key) fails after `connectTimeout`. The
+// connection to a failed peer is dropped; the next frame for it connects again, so a peer that
+// comes back is used again.
 //
 // Security: `tcp://` uses CURVE unless `curve` is off. The binding exchange keeps its key pair in
 // a key file of mode 0600, made on first start, and writes the public key beside it
@@ -50,8 +51,15 @@ struct ZmqTransportOptions {
     std::string ipcDirectory;
     // Largest frame sent or accepted, in bytes; room for a 1 GiB array and its envelope.
     std::int64_t maxFrameSize = (std::int64_t(1) << 30) + (std::int64_t(64) << 20);
+    // A binding exchange sends heartbeats at this interval; a connected exchange that hears
+    // nothing from it for `heartbeatTimeout` drops the connection and fails it. A frame from the
+    // binding side that takes longer than that to arrive counts as silence: raise it for
+    // large transfers over slow links.
     std::chrono::milliseconds heartbeatInterval{250};
-    std::chrono::milliseconds heartbeatTimeout{750};
+    std::chrono::milliseconds heartbeatTimeout{1000};
+    // How long a binding exchange waits for the answer to its heartbeat; it also bounds how long
+    // a frame from a connected peer may take to arrive.
+    std::chrono::milliseconds peerHeartbeatTimeout{10000};
     // How long a new connection may take to complete its handshake before its peer fails.
     std::chrono::milliseconds connectTimeout{1000};
 };
