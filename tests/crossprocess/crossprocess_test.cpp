@@ -389,6 +389,23 @@ TEST(Chaos, AKilledServerFailsEveryTrackedRequestWithStatus5AndARestartServesThe
     EXPECT_EQ(statusOf(again.future), quorl::cmddistributor::ExecutionInterrupted);
 }
 
+TEST(Chaos, AFrozenServerIsDroppedByHeartbeatsAndItsRequestsFailWithStatus5) {
+    PrivateDir dir;
+    std::string const endpoint = "ipc://" + dir.path() + "/frozen";
+    auto server = startServer(endpoint);
+    auto d = distributorFor(endpoint, 41);
+    Tracked running = enqueueLoop(*d);
+    ASSERT_TRUE(running.request->output().waitFor(u"looping"));
+
+    // Its connection stays open: only the missing heartbeats can tell.
+    server->signal(SIGSTOP);
+    auto const frozen = boost::chrono::steady_clock::now();
+    ASSERT_EQ(running.future.wait_until(frozen + boost::chrono::milliseconds(2000)),
+              boost::future_status::ready);
+    EXPECT_EQ(statusOf(running.future), quorl::cmddistributor::ExecutionCommunicationError);
+    server->signal(SIGCONT);
+}
+
 TEST(Lifecycle, AServerStoppedBySignalTellsItsClientsAndExitsZero) {
     PrivateDir dir;
     std::string const endpoint = "ipc://" + dir.path() + "/stopping";

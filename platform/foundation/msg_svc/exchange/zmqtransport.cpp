@@ -342,16 +342,15 @@ private:
         s.set(zmq::sockopt::maxmsgsize, options_.maxFrameSize);
     }
 
-    // The binding side sends the heartbeats and tells its peers to drop the connection after
-    // `heartbeatTimeout` without traffic. A connecting side sends none: its answers would queue
-    // behind a large frame it is sending, while the binding side's heartbeats reach it at once.
-    void configureHeartbeats(zmq::socket_t& router) {
-        router.set(zmq::sockopt::heartbeat_ivl,
-                   static_cast<int>(options_.heartbeatInterval.count()));
-        router.set(zmq::sockopt::heartbeat_ttl,
-                   static_cast<int>(options_.heartbeatTimeout.count()));
-        router.set(zmq::sockopt::heartbeat_timeout,
-                   static_cast<int>(options_.peerHeartbeatTimeout.count()));
+    // Both sides send heartbeats, and any message received counts as an answer. A connecting
+    // side gives up on a binding peer after `heartbeatTimeout` of silence; a binding side waits
+    // `peerHeartbeatTimeout`, since the answers of a peer sending it a large frame queue behind
+    // that frame.
+    void configureHeartbeats(zmq::socket_t& s, std::chrono::milliseconds patience,
+                             std::chrono::milliseconds peerPatience) {
+        s.set(zmq::sockopt::heartbeat_ivl, static_cast<int>(options_.heartbeatInterval.count()));
+        s.set(zmq::sockopt::heartbeat_timeout, static_cast<int>(patience.count()));
+        s.set(zmq::sockopt::heartbeat_ttl, static_cast<int>(peerPatience.count()));
     }
 
     zmq::socket_t monitorOf(zmq::socket_t& s, int events) {
@@ -368,7 +367,7 @@ private:
     void bind() {
         router_ = zmq::socket_t(context_, ZMQ_ROUTER);
         configureCommon(router_);
-        configureHeartbeats(router_);
+        configureHeartbeats(router_, options_.peerHeartbeatTimeout, options_.heartbeatTimeout);
         router_.set(zmq::sockopt::router_mandatory, 1);
         router_.set(zmq::sockopt::router_handover, 1);
         std::string endpoint = name_;
@@ -417,6 +416,7 @@ private:
         peer->name = peerName;
         peer->dealer = zmq::socket_t(context_, ZMQ_DEALER);
         configureCommon(peer->dealer);
+        configureHeartbeats(peer->dealer, options_.heartbeatTimeout, options_.peerHeartbeatTimeout);
         peer->dealer.set(zmq::sockopt::routing_id, name_);
         peer->dealer.set(zmq::sockopt::reconnect_ivl, 100);
         std::string endpoint = peerName;

@@ -51,10 +51,10 @@ struct ZmqTransportOptions {
     std::string ipcDirectory;
     // Largest frame sent or accepted, in bytes; room for a 1 GiB array and its envelope.
     std::int64_t maxFrameSize = (std::int64_t(1) << 30) + (std::int64_t(64) << 20);
-    // A binding exchange sends heartbeats at this interval; a connected exchange that hears
-    // nothing from it for `heartbeatTimeout` drops the connection and fails it. A frame from the
-    // binding side that takes longer than that to arrive counts as silence: raise it for
-    // large transfers over slow links.
+    // Heartbeats go both ways at this interval; an exchange that connected to a peer and hears
+    // nothing from it for `heartbeatTimeout` drops the connection and fails the peer. A frame
+    // from that peer that takes longer than this to arrive counts as silence: raise it for large
+    // transfers over slow links.
     std::chrono::milliseconds heartbeatInterval{250};
     std::chrono::milliseconds heartbeatTimeout{1000};
     // How long a binding exchange waits for the answer to its heartbeat; it also bounds how long
