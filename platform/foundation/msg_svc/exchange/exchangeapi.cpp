@@ -146,9 +146,9 @@ public:
 
     // TransportSink
     void receiveFrame(std::string const& from, std::string const& bytes) override {
-        wire::Frame frame;
+        wire::FrameView frame;
         try {
-            frame = wire::decodeFrame(bytes);
+            frame = wire::viewFrame(bytes);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
@@ -273,11 +273,10 @@ private:
         }
         wire::Frame frame;
         frame.kind = done ? wire::FrameKind::Message : wire::FrameKind::Notice;
-        frame.queue = address.queue();
         std::string bytes;
         try {
-            frame.payload = wire::encodeMessage(*message);
-            bytes = wire::encodeFrame(frame); // sized before it is numbered: see below
+            // Encoded before it is numbered: a message that cannot be sent takes no number.
+            bytes = wire::encodeMessageFrame(frame.kind, 0, address.queue(), *message);
         } catch (...) {
             refuse(done, boost::current_exception(), "could not be encoded");
             return;
@@ -346,10 +345,20 @@ private:
         }
     }
 
-    void receiveMessage(std::string const& from, wire::Frame const& frame) {
+    void sendBack(std::string const& to, std::string&& bytes) {
+        try {
+            if (transport_)
+                transport_->sendOwned(to, std::move(bytes));
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error)
+                << name_ << ": could not answer exchange '" << to << "': " << e.what();
+        }
+    }
+
+    void receiveMessage(std::string const& from, wire::FrameView const& frame) {
         boost::shared_ptr<Message const> message;
         try {
-            message = wire::decodeMessage(frame.payload);
+            message = wire::decodeMessage(frame.payload, frame.payloadSize);
         } catch (std::exception const& e) {
             // The sender must hear of it, whether or not it waits for a reply.
             if (frame.correlation)
@@ -365,35 +374,34 @@ private:
             std::uint64_t const corr = frame.correlation;
             done = [this, from, corr](boost::shared_ptr<Reply const> const& reply,
                                       boost::exception_ptr const& error) {
-                wire::Frame answer;
-                answer.correlation = corr;
+                std::string failure;
                 if (error) {
-                    answer.kind = wire::FrameKind::Failure;
-                    answer.payload = describe(error);
+                    failure = describe(error);
                 } else {
                     try {
-                        answer.kind = wire::FrameKind::Reply;
-                        answer.payload = wire::encodeReply(reply ? *reply : *Reply::defaultReply());
+                        sendBack(from, wire::encodeReplyFrame(
+                                           corr, reply ? *reply : *Reply::defaultReply()));
+                        return;
                     } catch (std::exception const& e) {
-                        answer.kind = wire::FrameKind::Failure;
-                        answer.payload = std::string("reply could not be encoded: ") + e.what();
+                        failure = std::string("reply could not be encoded: ") + e.what();
                     }
                 }
-                sendBack(from, answer);
+                sendBack(from, wire::Frame{wire::FrameKind::Failure, corr, "", failure});
             };
         }
         deliverLocal(message, frame.queue, from, std::move(done));
     }
 
-    void receiveReply(std::string const& from, wire::Frame const& frame) {
+    void receiveReply(std::string const& from, wire::FrameView const& frame) {
         if (frame.correlation & kNoticeBit) {
             if (frame.kind != wire::FrameKind::Failure)
                 return;
             // A message sent without a reply was not understood there: whoever waits for its
             // effects would wait forever, so the exchange is reported as failing.
-            ZN_LOG(logger(), log::error) << name_ << ": " << frame.payload;
+            std::string const text(frame.payload, frame.payloadSize);
+            ZN_LOG(logger(), log::error) << name_ << ": " << text;
             eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(
-                from, boost::copy_exception(DeliveryError(frame.payload))));
+                from, boost::copy_exception(DeliveryError(text))));
             return;
         }
         Completion done;
@@ -406,12 +414,13 @@ private:
             pending_.erase(it);
         }
         if (frame.kind == wire::FrameKind::Failure) {
-            done(nullptr, boost::copy_exception(DeliveryError(frame.payload)));
+            done(nullptr, boost::copy_exception(
+                              DeliveryError(std::string(frame.payload, frame.payloadSize))));
             return;
         }
         boost::shared_ptr<Reply const> reply;
         try {
-            reply = wire::decodeReply(frame.payload);
+            reply = wire::decodeReply(frame.payload, frame.payloadSize);
         } catch (...) {
             done(nullptr, boost::current_exception());
             return;
