@@ -167,18 +167,29 @@ void GuardedIArchive::load_override(boost::archive::object_id_type& t) {
 }
 
 void GuardedIArchive::load_object(void* t, boost::archive::detail::basic_iserializer const& bis) {
+    // The first object loaded within a pointer load is the object made for that pointer.
+    if (!pointers_.empty() && !pointers_.back().object) {
+        pointers_.back().object = t;
+        pointers_.back().objectType = &bis;
+    }
     known(&bis);
     Base::load_object(t, bis);
 }
 
 boost::archive::detail::basic_pointer_iserializer const* GuardedIArchive::load_pointer(
     void*& t, boost::archive::detail::basic_pointer_iserializer const* bpis, Finder finder) {
-    pointers_.push_back(PointerLoad{bpis, finder, false});
-    struct Pop {
-        std::vector<PointerLoad>& v;
-        ~Pop() { v.pop_back(); }
-    } pop{pointers_};
-    return Base::load_pointer(t, bpis, finder);
+    pointers_.push_back(PointerLoad{bpis, finder, false, nullptr, nullptr});
+    try {
+        auto const* loaded = Base::load_pointer(t, bpis, finder);
+        pointers_.pop_back();
+        return loaded;
+    } catch (...) {
+        PointerLoad failed = pointers_.back();
+        pointers_.pop_back();
+        if (failed.object)
+            failed.objectType->destroy(failed.object);
+        throw;
+    }
 }
 
 void GuardedIArchive::register_basic_serializer(

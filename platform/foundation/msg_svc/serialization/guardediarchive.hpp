@@ -83,6 +83,10 @@ private:
         boost::archive::detail::basic_pointer_iserializer const* bpis;
         Finder finder;
         bool newClassNamed; // a new class id was read; its name comes next
+        // The object Boost made for the pointer, once its load began: destroyed if the load
+        // fails, since Boost would leave it (and all it holds) behind.
+        void* object;
+        boost::archive::detail::basic_iserializer const* objectType;
     };
 
     Buffer* buffer_;
