@@ -186,8 +186,13 @@ boost::archive::detail::basic_pointer_iserializer const* GuardedIArchive::load_p
     } catch (...) {
         PointerLoad failed = pointers_.back();
         pointers_.pop_back();
-        if (failed.object)
+        if (failed.object) {
+            // Boost has already stored the object in the caller's pointer: clear it, so that an
+            // owner destroyed on the way out does not free it again.
             failed.objectType->destroy(failed.object);
+            if (t == failed.object)
+                t = nullptr;
+        }
         throw;
     }
 }
