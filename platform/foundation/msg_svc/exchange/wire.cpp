@@ -144,18 +144,9 @@ void setCorrelation(std::string& bytes, std::uint64_t correlation) {
 }
 
 Frame decodeFrame(std::string const& bytes) {
-    Reader r{bytes};
-    Frame f;
-    auto kind = r.uint(1);
-    if (kind < 1 || kind > 4)
-        throw std::runtime_error("unknown frame kind " + std::to_string(kind));
-    f.kind = static_cast<FrameKind>(kind);
-    f.correlation = r.uint(8);
-    f.queue = r.str(static_cast<std::size_t>(r.uint(4)));
-    f.payload = r.str(static_cast<std::size_t>(r.uint(4)));
-    if (r.pos != bytes.size())
-        throw std::runtime_error("trailing bytes after frame");
-    return f;
+    FrameView const view = viewFrame(bytes);
+    return Frame{view.kind, view.correlation, view.queue,
+                 std::string(view.payload, view.payloadSize)};
 }
 
 FrameView viewFrame(std::string const& bytes) {
