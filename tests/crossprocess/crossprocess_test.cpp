@@ -187,6 +187,13 @@ int statusOf(boost::unique_future<void>& f) {
     return -1;
 }
 
+// Cancels a running request with interrupt: the host stops it and its future fails with 4.
+void expectInterrupted(CmdDistributor& d, Tracked& t) {
+    auto cancel = d.cancelRequest(t.id, true);
+    EXPECT_EQ(settle(cancel), CmdDistributor::CancelEndedByStatus4);
+    EXPECT_EQ(statusOf(t.future), quorl::cmddistributor::ExecutionInterrupted);
+}
+
 } // namespace
 
 TEST(CrossProcess, MessagesRepliesActorsAndRequestsReachAServerOverIpc) {
@@ -240,17 +247,13 @@ TEST(CrossProcess, MessagesRepliesActorsAndRequestsReachAServerOverIpc) {
         ex->submitWithReply(boost::make_shared<cmddistributor::IIPRunNowMessage>(third.id),
                             Address(endpoint, "noqueue"));
     settle(ranNow);
-    auto cancelRunning = d->cancelRequest(running.id, true);
-    EXPECT_EQ(settle(cancelRunning), CmdDistributor::CancelEndedByStatus4);
-    EXPECT_EQ(statusOf(running.future), quorl::cmddistributor::ExecutionInterrupted);
+    expectInterrupted(*d, running);
     ASSERT_TRUE(third.request->output().waitFor(u"looping")) << "run-now moved it ahead";
     EXPECT_EQ(second.request->output().text(), u"");
     auto cancelQueued = d->cancelRequest(second.id, false);
     EXPECT_EQ(settle(cancelQueued), CmdDistributor::CancelDone);
     EXPECT_NE(statusOf(second.future), -1) << "a discarded request fails its future";
-    auto cancelThird = d->cancelRequest(third.id, true);
-    EXPECT_EQ(settle(cancelThird), CmdDistributor::CancelEndedByStatus4);
-    EXPECT_EQ(statusOf(third.future), quorl::cmddistributor::ExecutionInterrupted);
+    expectInterrupted(*d, third);
 }
 
 TEST(CrossProcess, EventsTravelBothWaysAndFlushIsABarrier) {
@@ -384,9 +387,7 @@ TEST(Chaos, AKilledServerFailsEveryTrackedRequestWithStatus5AndARestartServesThe
     auto restarted = startServer(endpoint);
     Tracked again = enqueueLoop(*d);
     ASSERT_TRUE(again.request->output().waitFor(u"looping")) << restarted->errors();
-    auto cancel = d->cancelRequest(again.id, true);
-    EXPECT_EQ(settle(cancel), CmdDistributor::CancelEndedByStatus4);
-    EXPECT_EQ(statusOf(again.future), quorl::cmddistributor::ExecutionInterrupted);
+    expectInterrupted(*d, again);
 }
 
 TEST(Chaos, AFrozenServerIsDroppedByHeartbeatsAndItsRequestsFailWithStatus5) {
