@@ -153,7 +153,9 @@ void GuardedIArchive::load_override(boost::archive::class_name_type& t) {
     if (!type)
         return; // Boost refuses an unknown class itself
     auto const* bpis = load.finder(*type);
-    if (bpis && !known(&bpis->get_basic_serializer()))
+    if (!bpis) // Boost would go on without a loader for it
+        refuse("class '" + std::string(key) + "' cannot be loaded through a pointer");
+    if (!known(&bpis->get_basic_serializer()))
         refuse("class '" + std::string(key) + "' sent as new but met before");
 }
 

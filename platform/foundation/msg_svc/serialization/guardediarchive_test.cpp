@@ -134,6 +134,19 @@ TEST(GuardedIArchive, RefusesBadBoolsLengthsCountsClassIdsAndReferences) {
             << refusalOf(bad);
     }
 
+    // A class that has no loader for pointers (an abstract base) named as the object.
+    std::string const abstractKey = "foundation::msg_svc::eventmgr::BaseEvent";
+    std::string named = plain;
+    std::size_t const keyAt = named.find("Probe");
+    ASSERT_NE(keyAt, std::string::npos);
+    // The class name is length-prefixed: replace it with the abstract base's.
+    std::string const probeKey = named.substr(keyAt, 5);
+    std::size_t const lengthAt = keyAt - 8;
+    named.replace(keyAt, probeKey.size(), abstractKey);
+    named[lengthAt] = static_cast<char>(abstractKey.size());
+    EXPECT_NE(refusalOf(named).find("cannot be loaded through a pointer"), std::string::npos)
+        << refusalOf(named);
+
     // A reference to an object loaded before, here the object the first pointer made.
     Probe shared(false, "", {});
     shared.first = shared.second = new Probe(false, "shared", {});
