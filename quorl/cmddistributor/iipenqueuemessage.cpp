@@ -5,6 +5,7 @@
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>
 
 #include <boost/serialization/base_object.hpp>
@@ -48,8 +49,13 @@ IIPEnqueueMessage::~IIPEnqueueMessage() = default;
 boost::shared_ptr<Reply const>
 IIPEnqueueMessage::deliver(foundation::msg_svc::exchange::Routing const& routing) const {
     boost::shared_ptr<IIP> iip = boost::const_pointer_cast<IIP>(iip_);
+    auto eventMgr = eventMgr_;
+    if (!eventMgr && routing.source() !=
+                         foundation::msg_svc::exchange::ExchangeApi::instance()->getExchangeName())
+        // Read from another exchange: the packet's events go back to the session there.
+        eventMgr = quorl::eventmgr::createRemoteEventMgr(routing.source(), tarnId_, boost::none);
     if (DeliverFuncPtr f = deliverFunc.load())
-        return f(routing, iip, iipId_, fennId_, tarnId_, eventMgr_, dequeueMode_, hasFuture_);
+        return f(routing, iip, iipId_, fennId_, tarnId_, eventMgr, dequeueMode_, hasFuture_);
     static std::atomic<bool> warned{false};
     if (!warned.exchange(true)) {
         static foundation::core::log::diagnostic_logger const log(

@@ -281,6 +281,16 @@ std::shared_ptr<Hub> hubFor(EmID const& id) {
     return hub;
 }
 
+// The hub of an identity that some front in this process has made, or null. Events from other
+// exchanges go only to these: an identity nobody here made has no subscriber, and making hubs
+// (and their threads) for every identity a peer names would let a peer exhaust the process.
+std::shared_ptr<Hub> existingHub(EmID const& id) {
+    HubRegistry& r = registry();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    auto it = r.hubs.find(id);
+    return it == r.hubs.end() ? nullptr : it->second;
+}
+
 std::vector<std::shared_ptr<Hub>> allHubs() {
     HubRegistry& r = registry();
     std::lock_guard<std::mutex> lock(r.mutex);
@@ -436,6 +446,10 @@ std::unique_ptr<Connection> EventMgrFront::addSubscription(Callback const& callb
 
 std::unique_ptr<WatchToken> EventMgrFront::addWatch(CountFactory factory, TagIterator begin,
                                                     TagIterator end) {
+    // The subscribers of a manager in another process are not counted here: assume one.
+    if (isRemote() && remoteExchange_ != exchange::ExchangeApi::instance()->getExchangeName())
+        return std::unique_ptr<WatchToken>(
+            new detail::CountWatch(std::make_unique<detail::YesSubscriptionCount>()));
     return std::unique_ptr<WatchToken>(new detail::CountWatch(factory(begin, end, std::string())));
 }
 
@@ -464,7 +478,8 @@ void EventMgrFront::doNotify(boost::shared_ptr<BaseEvent const> const& event, De
 }
 
 void publishLocally(EmID const& emId, boost::shared_ptr<BaseEvent const> const& event) {
-    detail::hubFor(emId)->publish(event, detail::defaultGetter());
+    if (auto hub = detail::existingHub(emId))
+        hub->publish(event, detail::defaultGetter());
 }
 
 void publishToAllIdentities(boost::shared_ptr<BaseEvent const> const& event) {
@@ -476,7 +491,8 @@ void publishToAllIdentities(boost::shared_ptr<BaseEvent const> const& event) {
 
 void flushLocally(EmID const& emId) {
     auto getter = detail::defaultGetter();
-    detail::hubFor(emId)->flush(getter.get());
+    if (auto hub = detail::existingHub(emId))
+        hub->flush(getter.get());
 }
 
 void setDefaultMutexGetter(EventMgrFront::MutexGetter const& getter) {

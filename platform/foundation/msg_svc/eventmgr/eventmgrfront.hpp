@@ -9,7 +9,8 @@
 // where they reach the subscribers of the remote identity; events whose canBeSerialized() is
 // false are dropped there, with a log record. An exchange name equal to the own exchange's
 // publishes locally under the remote identity. Subscriptions on a remote front are made on its
-// local identity, where the far side's events for it arrive.
+// local identity, where the far side's events for it arrive. A watch on a front towards another
+// exchange always reports a subscriber, since the far side's subscribers are not known here.
 //
 // flush() is a barrier (remotely through a FlushMessage). A caller holding the getter's mutex
 // gives it up while it waits, so subscribers that need it can run. Called on the event thread
@@ -67,12 +68,14 @@ private:
     std::shared_ptr<detail::FrontState> state_; // this front's subscriptions, terminated flag
 };
 
-// Publishes `event` to the subscribers of `emId` in this process (used by the exchange for
-// events that arrive from other exchanges, and for CommunicationErrorEvent).
+// Publishes `event` to the subscribers of `emId` in this process (used for events that arrive
+// from other exchanges). Only identities that a front of this process made are served: others
+// have no subscriber, and no thread is started for them.
 void publishLocally(EmID const& emId, boost::shared_ptr<BaseEvent const> const& event);
 // Publishes `event` to the subscribers of every identity that has a hub in this process.
 void publishToAllIdentities(boost::shared_ptr<BaseEvent const> const& event);
-// Waits until every event published to `emId` before the call has been delivered.
+// Waits until every event published to `emId` before the call has been delivered (at once for
+// an identity no front of this process made).
 void flushLocally(EmID const& emId);
 // The mutex getter for events that arrive from other exchanges (publishLocally,
 // publishToAllIdentities); none by default.

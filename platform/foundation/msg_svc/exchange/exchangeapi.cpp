@@ -147,9 +147,9 @@ public:
 
     // TransportSink
     void receiveFrame(std::string const& from, std::string const& bytes) override {
-        wire::Frame frame;
+        wire::FrameView frame;
         try {
-            frame = wire::decodeFrame(bytes);
+            frame = wire::viewFrame(bytes);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
@@ -157,6 +157,7 @@ public:
         }
         switch (frame.kind) {
         case wire::FrameKind::Message:
+        case wire::FrameKind::Notice:
             receiveMessage(from, frame);
             break;
         case wire::FrameKind::Reply:
@@ -272,41 +273,67 @@ private:
             return;
         }
         wire::Frame frame;
-        frame.kind = wire::FrameKind::Message;
-        frame.queue = address.queue();
+        frame.kind = done ? wire::FrameKind::Message : wire::FrameKind::Notice;
+        std::string bytes;
         try {
-            frame.payload = wire::encodeMessage(*message);
+            // Encoded before it is numbered: a message that cannot be sent takes no number.
+            bytes = wire::encodeMessageFrame(frame.kind, 0, address.queue(), *message);
         } catch (...) {
-            fail(done, boost::current_exception());
+            refuse(done, boost::current_exception(), "could not be encoded");
             return;
         }
-        if (done) {
+        {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopped_) {
                 fail(done,
                      boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
                 return;
             }
-            frame.correlation = nextCorrelation_++;
-            pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+            if (done) {
+                frame.correlation = nextCorrelation_++;
+                pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+            } else {
+                frame.correlation = kNoticeBit | nextNotice_++;
+            }
         }
+        wire::setCorrelation(bytes, frame.correlation);
         try {
-            transport_->send(peer, wire::encodeFrame(frame));
+            transport_->sendOwned(peer, std::move(bytes));
+        } catch (FrameRefused const& refused) {
+            // The frame, not the peer, is at fault: only its sender hears of it.
+            refuse(takePending(frame.correlation), boost::copy_exception(refused), "was refused");
         } catch (...) {
             auto e = boost::current_exception();
-            Completion pendingDone;
-            if (frame.correlation) {
-                std::lock_guard<std::mutex> lock(mutex_);
-                auto it = pending_.find(frame.correlation);
-                if (it != pending_.end()) {
-                    pendingDone = std::move(it->second.done);
-                    pending_.erase(it);
-                }
-            }
-            if (pendingDone)
+            if (Completion pendingDone = takePending(frame.correlation))
                 pendingDone(nullptr, e);
             eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
         }
+    }
+
+    // The completion waiting for `correlation`, taken out of the pending ones; null if none.
+    Completion takePending(std::uint64_t correlation) {
+        if (correlation & kNoticeBit)
+            return nullptr;
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = pending_.find(correlation);
+        if (it == pending_.end())
+            return nullptr;
+        Completion done = std::move(it->second.done);
+        pending_.erase(it);
+        return done;
+    }
+
+    // A message that cannot be sent at all: its completion fails; without one (submit), the
+    // caller hears of it by the exception, since nothing else would tell it.
+    static void refuse(Completion const& done, boost::exception_ptr const& cause,
+                       char const* what) {
+        auto const e = boost::copy_exception(
+            DeliveryError(std::string("a message ") + what + ": " + describe(cause)));
+        if (done) {
+            done(nullptr, e);
+            return;
+        }
+        boost::rethrow_exception(e);
     }
 
     void sendBack(std::string const& to, wire::Frame const& frame) {
@@ -319,44 +346,65 @@ private:
         }
     }
 
-    void receiveMessage(std::string const& from, wire::Frame const& frame) {
+    void sendBack(std::string const& to, std::string&& bytes) {
+        try {
+            if (transport_)
+                transport_->sendOwned(to, std::move(bytes));
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error)
+                << name_ << ": could not answer exchange '" << to << "': " << e.what();
+        }
+    }
+
+    void receiveMessage(std::string const& from, wire::FrameView const& frame) {
         boost::shared_ptr<Message const> message;
         try {
-            message = wire::decodeMessage(frame.payload);
+            message = wire::decodeMessage(frame.payload, frame.payloadSize);
         } catch (std::exception const& e) {
+            // The sender must hear of it, whether or not it waits for a reply.
             if (frame.correlation)
                 sendBack(from, wire::Frame{wire::FrameKind::Failure, frame.correlation, "",
-                                           std::string("undecodable message: ") + e.what()});
+                                           "exchange '" + name_ +
+                                               "' could not decode a message: " + e.what()});
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped an undecodable message from " << from << ": " << e.what();
             return;
         }
         Completion done;
-        if (frame.correlation) {
+        if (frame.kind == wire::FrameKind::Message) {
             std::uint64_t const corr = frame.correlation;
             done = [this, from, corr](boost::shared_ptr<Reply const> const& reply,
                                       boost::exception_ptr const& error) {
-                wire::Frame answer;
-                answer.correlation = corr;
+                std::string failure;
                 if (error) {
-                    answer.kind = wire::FrameKind::Failure;
-                    answer.payload = describe(error);
+                    failure = describe(error);
                 } else {
                     try {
-                        answer.kind = wire::FrameKind::Reply;
-                        answer.payload = wire::encodeReply(reply ? *reply : *Reply::defaultReply());
+                        sendBack(from, wire::encodeReplyFrame(
+                                           corr, reply ? *reply : *Reply::defaultReply()));
+                        return;
                     } catch (std::exception const& e) {
-                        answer.kind = wire::FrameKind::Failure;
-                        answer.payload = std::string("reply could not be encoded: ") + e.what();
+                        failure = std::string("reply could not be encoded: ") + e.what();
                     }
                 }
-                sendBack(from, answer);
+                sendBack(from, wire::Frame{wire::FrameKind::Failure, corr, "", failure});
             };
         }
         deliverLocal(message, frame.queue, from, std::move(done));
     }
 
-    void receiveReply(std::string const& from, wire::Frame const& frame) {
+    void receiveReply(std::string const& from, wire::FrameView const& frame) {
+        if (frame.correlation & kNoticeBit) {
+            if (frame.kind != wire::FrameKind::Failure)
+                return;
+            // A message sent without a reply was not understood there: whoever waits for its
+            // effects would wait forever, so the exchange is reported as failing.
+            std::string const text(frame.payload, frame.payloadSize);
+            ZN_LOG(logger(), log::error) << name_ << ": " << text;
+            eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(
+                from, boost::copy_exception(DeliveryError(text))));
+            return;
+        }
         Completion done;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -367,12 +415,13 @@ private:
             pending_.erase(it);
         }
         if (frame.kind == wire::FrameKind::Failure) {
-            done(nullptr, boost::copy_exception(DeliveryError(frame.payload)));
+            done(nullptr, boost::copy_exception(
+                              DeliveryError(std::string(frame.payload, frame.payloadSize))));
             return;
         }
         boost::shared_ptr<Reply const> reply;
         try {
-            reply = wire::decodeReply(frame.payload);
+            reply = wire::decodeReply(frame.payload, frame.payloadSize);
         } catch (...) {
             done(nullptr, boost::current_exception());
             return;
@@ -383,10 +432,12 @@ private:
     std::string const name_;
     boost::shared_ptr<Transport> transport_;
     std::atomic<bool> stopped_{false};
-    mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_
+    mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_, nextNotice_
     std::map<std::string, std::shared_ptr<Actor>> actors_;
     std::unordered_map<std::uint64_t, Pending> pending_;
     std::uint64_t nextCorrelation_ = 1;
+    std::uint64_t nextNotice_ = 1;
+    static constexpr std::uint64_t kNoticeBit = std::uint64_t(1) << 63;
     detail::SerialLane ordered_;
     detail::ElasticLane unordered_;
 };

@@ -68,7 +68,9 @@ public:
     // the failure of the delivery.
     boost::unique_future<boost::shared_ptr<Reply const>>
     submitWithReply(boost::shared_ptr<Message const> const& message, Address const& address);
-    // Sends and forgets; the reply is dropped, a failure is logged.
+    // Sends and forgets; the reply is dropped, a later failure is logged. A message that cannot
+    // be sent at all (it cannot be encoded, or its frame is refused as too large) throws
+    // DeliveryError, since nothing else would tell the caller.
     virtual void submit(boost::shared_ptr<Message const> const& message, Address const& address);
     // Sends; calls `handler` with the reply when it comes. A failure is logged and the handler is
     // not called; use the four-argument form to hear of failures.

@@ -11,11 +11,19 @@
 #include <boost/exception_ptr.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <stdexcept>
 #include <string>
 
 namespace foundation {
 namespace msg_svc {
 namespace exchange {
+
+// A frame a transport will not carry (too large, say). Thrown by send(); the peer itself is not
+// at fault, so only the frame's sender hears of it.
+class FrameRefused : public std::runtime_error {
+public:
+    explicit FrameRefused(std::string const& what) : std::runtime_error(what) {}
+};
 
 class TransportSink {
 public:
@@ -34,6 +42,8 @@ public:
     virtual void start(std::string const& ownName, TransportSink& sink) = 0;
     // Sends a frame. A failure to send is reported by throwing, or later through peerFailed.
     virtual void send(std::string const& to, std::string const& frame) = 0;
+    // As send, for a frame the caller gives up (a transport may then carry it without a copy).
+    virtual void sendOwned(std::string const& to, std::string&& frame) { send(to, frame); }
     // Stops delivering to the sink; returns when no call into the sink is running.
     virtual void stop() = 0;
 };

@@ -1,9 +1,8 @@
 #include <foundation/msg_svc/exchange/wire.hpp>
 
-#include <boost/archive/polymorphic_binary_iarchive.hpp>
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
+
 #include <boost/archive/polymorphic_binary_oarchive.hpp>
-#include <boost/iostreams/device/array.hpp>
-#include <boost/iostreams/stream.hpp>
 
 #include <cstring>
 #include <sstream>
@@ -51,19 +50,70 @@ struct Reader {
     }
 };
 
-template <class T> std::string encodeObject(T const& object) {
-    std::ostringstream os(std::ios::binary);
+// Appends to a string, so that an archive is written where it will be sent from.
+class AppendBuffer : public std::streambuf {
+public:
+    explicit AppendBuffer(std::string& out) : out_(out) {}
+
+protected:
+    std::streamsize xsputn(char const* s, std::streamsize n) override {
+        out_.append(s, static_cast<std::size_t>(n));
+        return n;
+    }
+    int_type overflow(int_type c) override {
+        if (!traits_type::eq_int_type(c, traits_type::eof()))
+            out_.push_back(traits_type::to_char_type(c));
+        return traits_type::not_eof(c);
+    }
+
+private:
+    std::string& out_;
+};
+
+template <class T> void appendObject(std::string& out, T const& object) {
+    AppendBuffer buffer(out);
+    std::ostream os(&buffer);
     {
         boost::archive::polymorphic_binary_oarchive oa(os);
         T const* p = &object;
         oa << boost::serialization::make_nvp("object", p);
     }
-    return os.str();
+    if (!os)
+        throw std::runtime_error("an archive could not be written");
 }
 
-template <class T> boost::shared_ptr<T const> decodeObject(std::string const& bytes) {
-    boost::iostreams::stream<boost::iostreams::array_source> is(bytes.data(), bytes.size());
-    boost::archive::polymorphic_binary_iarchive ia(is);
+template <class T> std::string encodeObject(T const& object) {
+    std::string out;
+    appendObject(out, object);
+    return out;
+}
+
+// The frame header with a payload length to be filled in; returns where that length stands.
+std::size_t putHeader(std::string& out, FrameKind kind, std::uint64_t correlation,
+                      std::string const& queue) {
+    out.push_back(static_cast<char>(kind));
+    putU64(out, correlation);
+    putU32(out, static_cast<std::uint32_t>(queue.size()));
+    out += queue;
+    std::size_t const at = out.size();
+    putU32(out, 0);
+    return at;
+}
+
+void patchLength(std::string& out, std::size_t at) {
+    std::size_t const length = out.size() - at - 4;
+    if (length > 0xFFFFFFFFu)
+        throw std::length_error("a frame holds at most 4 GiB");
+    for (int i = 0; i < 4; ++i)
+        out[at + static_cast<std::size_t>(i)] = static_cast<char>((length >> (8 * i)) & 0xFF);
+}
+
+// Bytes from another process: read with the guarded archive, which refuses what would make
+// Boost.Serialization misbehave on hostile input.
+template <class T> boost::shared_ptr<T const> decodeObject(char const* bytes, std::size_t size) {
+    serialization::GuardedIArchive::Buffer buffer(bytes, size);
+    std::istream is(&buffer);
+    serialization::PolymorphicGuardedIArchive ia(is);
     T* p = nullptr;
     ia >> boost::serialization::make_nvp("object", p);
     if (!p)
@@ -73,6 +123,8 @@ template <class T> boost::shared_ptr<T const> decodeObject(std::string const& by
 } // namespace
 
 std::string encodeFrame(Frame const& f) {
+    if (f.queue.size() > 0xFFFFFFFFu || f.payload.size() > 0xFFFFFFFFu)
+        throw std::length_error("a frame holds at most 4 GiB");
     std::string out;
     out.reserve(1 + 8 + 4 + f.queue.size() + 4 + f.payload.size());
     out.push_back(static_cast<char>(f.kind));
@@ -84,38 +136,76 @@ std::string encodeFrame(Frame const& f) {
     return out;
 }
 
+void setCorrelation(std::string& bytes, std::uint64_t correlation) {
+    if (bytes.size() < 9)
+        throw std::invalid_argument("not an encoded frame");
+    for (int i = 0; i < 8; ++i)
+        bytes[1 + i] = static_cast<char>((correlation >> (8 * i)) & 0xFF);
+}
+
 Frame decodeFrame(std::string const& bytes) {
+    FrameView const view = viewFrame(bytes);
+    return Frame{view.kind, view.correlation, view.queue,
+                 std::string(view.payload, view.payloadSize)};
+}
+
+FrameView viewFrame(std::string const& bytes) {
     Reader r{bytes};
-    Frame f;
+    FrameView f;
     auto kind = r.uint(1);
-    if (kind < 1 || kind > 3)
+    if (kind < 1 || kind > 4)
         throw std::runtime_error("unknown frame kind " + std::to_string(kind));
     f.kind = static_cast<FrameKind>(kind);
     f.correlation = r.uint(8);
     f.queue = r.str(static_cast<std::size_t>(r.uint(4)));
-    f.payload = r.str(static_cast<std::size_t>(r.uint(4)));
-    if (r.pos != bytes.size())
+    f.payloadSize = static_cast<std::size_t>(r.uint(4));
+    r.need(f.payloadSize);
+    f.payload = bytes.data() + r.pos;
+    if (r.pos + f.payloadSize != bytes.size())
         throw std::runtime_error("trailing bytes after frame");
     return f;
+}
+
+std::string encodeMessageFrame(FrameKind kind, std::uint64_t correlation, std::string const& queue,
+                               Message const& message) {
+    std::string out;
+    std::size_t const at = putHeader(out, kind, correlation, queue);
+    appendObject(out, message);
+    patchLength(out, at);
+    return out;
+}
+
+std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply) {
+    std::string out;
+    std::size_t const at = putHeader(out, FrameKind::Reply, correlation, std::string());
+    appendObject(out, reply);
+    patchLength(out, at);
+    return out;
 }
 
 std::string encodeMessage(Message const& m) {
     return encodeObject(m);
 }
 boost::shared_ptr<Message const> decodeMessage(std::string const& bytes) {
-    return decodeObject<Message>(bytes);
+    return decodeObject<Message>(bytes.data(), bytes.size());
+}
+boost::shared_ptr<Message const> decodeMessage(char const* bytes, std::size_t size) {
+    return decodeObject<Message>(bytes, size);
 }
 std::string encodeReply(Reply const& r) {
     return encodeObject(r);
 }
 boost::shared_ptr<Reply const> decodeReply(std::string const& bytes) {
-    return decodeObject<Reply>(bytes);
+    return decodeObject<Reply>(bytes.data(), bytes.size());
+}
+boost::shared_ptr<Reply const> decodeReply(char const* bytes, std::size_t size) {
+    return decodeObject<Reply>(bytes, size);
 }
 std::string encodeEvent(eventmgr::BaseEvent const& e) {
     return encodeObject(e);
 }
 boost::shared_ptr<eventmgr::BaseEvent const> decodeEvent(std::string const& bytes) {
-    return decodeObject<eventmgr::BaseEvent>(bytes);
+    return decodeObject<eventmgr::BaseEvent>(bytes.data(), bytes.size());
 }
 
 } // namespace wire

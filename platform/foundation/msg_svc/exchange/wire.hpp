@@ -15,22 +15,45 @@ namespace msg_svc {
 namespace exchange {
 namespace wire {
 
-enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3 };
+// Message: a reply is wanted. Notice: a message whose sender wants no reply; its correlation
+// only names it in the Failure frame that answers a notice the receiver could not decode.
+// Reply and Failure answer a Message or Notice of that correlation.
+enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3, Notice = 4 };
 
 struct Frame {
     FrameKind kind = FrameKind::Message;
-    std::uint64_t correlation = 0; // 0: no reply wanted
-    std::string queue;             // Message: the queue at the receiver
-    std::string payload;           // Message/Reply: archive bytes; Failure: the error text
+    std::uint64_t correlation = 0;
+    std::string queue;   // Message/Notice: the queue at the receiver
+    std::string payload; // Message/Notice/Reply: archive bytes; Failure: the error text
 };
 
 std::string encodeFrame(Frame const& frame);
 Frame decodeFrame(std::string const& bytes);
 
+// A frame read in place: its payload is a view into the bytes it was read from.
+struct FrameView {
+    FrameKind kind = FrameKind::Message;
+    std::uint64_t correlation = 0;
+    std::string queue;
+    char const* payload = nullptr;
+    std::size_t payloadSize = 0;
+};
+FrameView viewFrame(std::string const& bytes);
+
+// A whole frame holding the archive of a message or reply, written in one buffer (no copies of
+// the payload).
+std::string encodeMessageFrame(FrameKind kind, std::uint64_t correlation, std::string const& queue,
+                               Message const& message);
+std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply);
+// Rewrites the correlation of an encoded frame in place.
+void setCorrelation(std::string& encodedFrame, std::uint64_t correlation);
+
 std::string encodeMessage(Message const& message);
 boost::shared_ptr<Message const> decodeMessage(std::string const& bytes);
+boost::shared_ptr<Message const> decodeMessage(char const* bytes, std::size_t size);
 std::string encodeReply(Reply const& reply);
 boost::shared_ptr<Reply const> decodeReply(std::string const& bytes);
+boost::shared_ptr<Reply const> decodeReply(char const* bytes, std::size_t size);
 std::string encodeEvent(eventmgr::BaseEvent const& event);
 boost::shared_ptr<eventmgr::BaseEvent const> decodeEvent(std::string const& bytes);
 

@@ -1,0 +1,796 @@
+#include <foundation/msg_svc/exchange/zmqtransport.hpp>
+
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+
+#include <foundation/core/log/diagnosticlogger.hpp>
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/make_shared.hpp>
+#include <boost/throw_exception.hpp>
+
+#include <zmq.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace foundation {
+namespace msg_svc {
+namespace exchange {
+
+namespace log = foundation::core::log;
+
+namespace {
+
+log::diagnostic_logger& logger() {
+    static log::diagnostic_logger l("foundation::msg_svc::exchange::zmq");
+    return l;
+}
+
+typedef std::chrono::steady_clock Clock;
+
+std::string env(char const* name) {
+    char const* v = std::getenv(name);
+    return v ? v : "";
+}
+
+bool startsWith(std::string const& s, char const* prefix) {
+    return s.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+bool isTcp(std::string const& name) {
+    return startsWith(name, "tcp://");
+}
+
+std::string systemError(std::string const& what) {
+    return what + ": " + std::strerror(errno);
+}
+
+std::string octal(unsigned mode) {
+    std::ostringstream os;
+    os << '0' << std::oct << (mode & 07777);
+    return os.str();
+}
+
+// Makes `dir` if it is missing (mode 0700, parents too); throws unless it is a directory of
+// ours that nobody else may use.
+void ensurePrivateDirectory(std::string const& dir) {
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        auto slash = dir.find_last_of('/');
+        if (errno != ENOENT || slash == std::string::npos || slash == 0)
+            throw std::runtime_error(systemError("cannot make directory '" + dir + "'"));
+        ensurePrivateDirectory(dir.substr(0, slash));
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST)
+            throw std::runtime_error(systemError("cannot make directory '" + dir + "'"));
+    }
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0)
+        throw std::runtime_error(systemError("cannot inspect directory '" + dir + "'"));
+    if (!S_ISDIR(st.st_mode))
+        throw std::runtime_error("'" + dir + "' is not a directory");
+    if (st.st_uid != ::geteuid())
+        throw std::runtime_error("directory '" + dir + "' belongs to another user");
+    if (st.st_mode & 077)
+        throw std::runtime_error("directory '" + dir + "' must be of mode 0700 (it is " +
+                                 octal(st.st_mode) + ")");
+}
+
+std::string parentOf(std::string const& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string readSmallFile(std::string const& path, struct stat* info) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        throw std::runtime_error(systemError("cannot read key file '" + path + "'"));
+    std::string text;
+    char buf[1024];
+    ssize_t n;
+    if (info && ::fstat(fd, info) != 0) {
+        ::close(fd);
+        throw std::runtime_error(systemError("cannot inspect key file '" + path + "'"));
+    }
+    while ((n = ::read(fd, buf, sizeof buf)) > 0 && text.size() < 16384)
+        text.append(buf, static_cast<std::size_t>(n));
+    ::close(fd);
+    return text;
+}
+
+void writeFile(std::string const& path, std::string const& text, mode_t mode, bool exclusive) {
+    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | (exclusive ? O_EXCL : O_TRUNC);
+    int fd = ::open(path.c_str(), flags, mode);
+    if (fd < 0)
+        throw std::runtime_error(systemError("cannot write '" + path + "'"));
+    bool ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ok = ::fsync(fd) == 0 && ok;
+    ::close(fd);
+    if (!ok)
+        throw std::runtime_error(systemError("cannot write '" + path + "'"));
+}
+
+bool isZ85Key(std::string const& key) {
+    std::uint8_t raw[32];
+    return key.size() == 40 && zmq_z85_decode(raw, key.c_str()) != nullptr;
+}
+
+// The value of the line "NAME=VALUE" in a key file.
+std::string keyLine(std::string const& text, std::string const& name) {
+    std::istringstream is(text);
+    std::string line;
+    while (std::getline(is, line)) {
+        while (!line.empty() && (line.back() == '\r' || line.back() == ' '))
+            line.pop_back();
+        if (startsWith(line, (name + "=").c_str()))
+            return line.substr(name.size() + 1);
+    }
+    return std::string();
+}
+
+std::atomic<unsigned> monitorSerial{0};
+
+} // namespace
+
+bool isZmqEndpoint(std::string const& name) {
+    return (startsWith(name, "ipc://") || startsWith(name, "tcp://")) && name.size() > 6;
+}
+
+std::string ipcPathOf(std::string const& endpoint, std::string const& ipcDirectory) {
+    std::string path = endpoint.substr(6);
+    if (!path.empty() && path[0] == '/')
+        return path;
+    std::string dir = ipcDirectory;
+    if (dir.empty()) {
+        std::string runtime = env("XDG_RUNTIME_DIR");
+        dir = runtime.empty() ? "/tmp/quorl-" + std::to_string(::geteuid()) : runtime + "/quorl";
+    }
+    return dir + "/" + path;
+}
+
+std::string defaultKeyFile() {
+    std::string file = env("QUORL_KEY_FILE");
+    if (!file.empty())
+        return file;
+    std::string config = env("XDG_CONFIG_HOME");
+    if (config.empty()) {
+        std::string home = env("HOME");
+        if (home.empty())
+            throw std::runtime_error("no key file given and HOME is not set");
+        config = home + "/.config";
+    }
+    return config + "/quorl/server.key";
+}
+
+CurveKeyPair loadOrCreateKeyFile(std::string const& path) {
+    CurveKeyPair keys;
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0 && errno == ENOENT) {
+        std::string const dir = parentOf(path);
+        if (::access(dir.c_str(), F_OK) != 0)
+            ensurePrivateDirectory(dir);
+        char pub[41], sec[41];
+        if (zmq_curve_keypair(pub, sec) != 0)
+            throw std::runtime_error("this ZeroMQ cannot make CURVE keys");
+        keys.publicKey = pub;
+        keys.secretKey = sec;
+        try {
+            writeFile(path,
+                      "# quorl CURVE key pair: keep private\npublic=" + keys.publicKey +
+                          "\nsecret=" + keys.secretKey + "\n",
+                      0600, true);
+        } catch (std::runtime_error const&) {
+            if (errno != EEXIST)
+                throw;
+            return loadOrCreateKeyFile(path); // made by someone else meanwhile
+        }
+    } else {
+        std::string const text = readSmallFile(path, &st);
+        if (st.st_uid != ::geteuid())
+            throw std::runtime_error("key file '" + path + "' belongs to another user");
+        if (st.st_mode & 077)
+            throw std::runtime_error("key file '" + path + "' must be of mode 0600 (it is " +
+                                     octal(st.st_mode) + ")");
+        keys.publicKey = keyLine(text, "public");
+        keys.secretKey = keyLine(text, "secret");
+        if (!isZ85Key(keys.publicKey) || !isZ85Key(keys.secretKey))
+            throw std::runtime_error("key file '" + path + "' holds no valid CURVE key pair");
+    }
+    std::string const pubPath = path + ".pub";
+    std::string const tmp = pubPath + ".tmp" + std::to_string(::getpid());
+    writeFile(tmp, "public=" + keys.publicKey + "\n", 0644, false);
+    if (::rename(tmp.c_str(), pubPath.c_str()) != 0)
+        throw std::runtime_error(systemError("cannot write '" + pubPath + "'"));
+    return keys;
+}
+
+std::string readPublicKeyFile(std::string const& path) {
+    std::string const text = readSmallFile(path, nullptr);
+    std::string key = keyLine(text, "public");
+    if (key.empty()) {
+        key = text;
+        while (!key.empty() && std::isspace(static_cast<unsigned char>(key.back())))
+            key.pop_back();
+    }
+    if (!isZ85Key(key))
+        throw std::runtime_error("'" + path + "' holds no CURVE public key");
+    return key;
+}
+
+namespace {
+
+class ZmqTransport : public Transport, public boost::enable_shared_from_this<ZmqTransport> {
+public:
+    explicit ZmqTransport(ZmqTransportOptions options) : options_(std::move(options)) {}
+
+    ~ZmqTransport() override { stop(); }
+
+    void start(std::string const& ownName, TransportSink& sink) override {
+        if (started_)
+            throw std::logic_error("a ZeroMQ transport starts once");
+        if (ownName.empty() || ownName.size() > 255)
+            throw std::invalid_argument("an exchange on ZeroMQ needs a name of 1 to 255 bytes");
+        name_ = ownName;
+        sink_ = &sink;
+        char pub[41], sec[41];
+        if (zmq_curve_keypair(pub, sec) == 0) {
+            clientKeys_.publicKey = pub;
+            clientKeys_.secretKey = sec;
+        }
+        wake_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+        if (wake_ < 0)
+            throw std::runtime_error(systemError("eventfd"));
+        try {
+            if (isZmqEndpoint(name_))
+                bind();
+        } catch (...) {
+            closeAll();
+            throw;
+        }
+        started_ = true;
+        thread_ = std::thread([this] { run(); });
+    }
+
+    void send(std::string const& to, std::string const& frame) override {
+        std::string copy = frame;
+        sendOwned(to, std::move(copy));
+    }
+
+    void sendOwned(std::string const& to, std::string&& frame) override {
+        if (static_cast<std::int64_t>(frame.size()) > options_.maxFrameSize)
+            boost::throw_exception(FrameRefused(
+                "a frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of " +
+                std::to_string(options_.maxFrameSize) + " bytes for exchange '" + to + "'"));
+        if (frame.empty())
+            boost::throw_exception(FrameRefused("an empty frame cannot be sent"));
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            if (!started_ || stopping_)
+                boost::throw_exception(
+                    DeliveryError("the transport of exchange '" + name_ + "' is stopped"));
+            outgoing_.push_back(Outgoing{to, std::move(frame)});
+        }
+        wake();
+    }
+
+    void stop() override {
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            if (stopping_)
+                return;
+            stopping_ = true;
+        }
+        if (!thread_.joinable()) {
+            closeAll();
+            return;
+        }
+        wake();
+        if (std::this_thread::get_id() == thread_.get_id()) {
+            // Called from a sink call: the loop ends after it; keep this alive until then.
+            keepAlive_ = shared_from_this();
+            thread_.detach();
+            return;
+        }
+        thread_.join();
+        closeAll();
+    }
+
+    std::vector<std::string> peers() const {
+        std::lock_guard<std::mutex> lock(peersMutex_);
+        return std::vector<std::string>(known_.begin(), known_.end());
+    }
+
+private:
+    struct Outgoing {
+        std::string to;
+        std::string frame;
+    };
+
+    struct Peer {
+        std::string name;
+        zmq::socket_t dealer;
+        zmq::socket_t monitor;
+        bool ready = false;
+        Clock::time_point deadline;
+        boost::exception_ptr failure; // set: to be dropped at the end of the loop's turn
+    };
+
+    void wake() {
+        std::uint64_t one = 1;
+        ssize_t n = ::write(wake_, &one, sizeof one);
+        (void)n; // a full counter still wakes the loop
+    }
+
+    void configureCommon(zmq::socket_t& s) {
+        s.set(zmq::sockopt::linger, 0);
+        s.set(zmq::sockopt::sndhwm, 0);
+        s.set(zmq::sockopt::rcvhwm, 0);
+        s.set(zmq::sockopt::maxmsgsize, options_.maxFrameSize);
+    }
+
+    // Both sides send heartbeats, and any message received counts as an answer. A connecting
+    // side gives up on a binding peer after `heartbeatTimeout` of silence; a binding side waits
+    // `peerHeartbeatTimeout`, since the answers of a peer sending it a large frame queue behind
+    // that frame.
+    void configureHeartbeats(zmq::socket_t& s, std::chrono::milliseconds patience,
+                             std::chrono::milliseconds peerPatience) {
+        s.set(zmq::sockopt::heartbeat_ivl, static_cast<int>(options_.heartbeatInterval.count()));
+        s.set(zmq::sockopt::heartbeat_timeout, static_cast<int>(patience.count()));
+        s.set(zmq::sockopt::heartbeat_ttl, static_cast<int>(peerPatience.count()));
+    }
+
+    zmq::socket_t monitorOf(zmq::socket_t& s, int events) {
+        std::string const ep = "inproc://quorl-monitor-" + std::to_string(::getpid()) + "-" +
+                               std::to_string(monitorSerial++);
+        if (zmq_socket_monitor(s.handle(), ep.c_str(), events) != 0)
+            throw std::runtime_error(systemError("cannot monitor a socket"));
+        zmq::socket_t m(context_, ZMQ_PAIR);
+        m.set(zmq::sockopt::linger, 0);
+        m.connect(ep);
+        return m;
+    }
+
+    void bind() {
+        router_ = zmq::socket_t(context_, ZMQ_ROUTER);
+        configureCommon(router_);
+        configureHeartbeats(router_, options_.peerHeartbeatTimeout, options_.heartbeatTimeout);
+        router_.set(zmq::sockopt::router_mandatory, 1);
+        router_.set(zmq::sockopt::router_handover, 1);
+        std::string endpoint = name_;
+        if (isTcp(name_)) {
+            if (options_.curve) {
+                std::string const file =
+                    options_.keyFile.empty() ? defaultKeyFile() : options_.keyFile;
+                CurveKeyPair keys = loadOrCreateKeyFile(file);
+                router_.set(zmq::sockopt::curve_server, 1);
+                router_.set(zmq::sockopt::curve_secretkey, keys.secretKey);
+            }
+        } else {
+            std::string const path = ipcPathOf(name_, options_.ipcDirectory);
+            ensurePrivateDirectory(parentOf(path));
+            endpoint = "ipc://" + path;
+        }
+        routerMonitor_ = monitorOf(
+            router_, ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
+                         ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH);
+        try {
+            router_.bind(endpoint);
+        } catch (zmq::error_t const& e) {
+            throw std::runtime_error("cannot listen on '" + name_ + "': " + e.what());
+        }
+        ZN_LOG(logger(), log::info) << "exchange listening on " << name_;
+    }
+
+    std::string publicKeyOf(std::string const& peer) const {
+        auto it = options_.peerPublicKeys.find(peer);
+        if (it != options_.peerPublicKeys.end())
+            return it->second;
+        if (!options_.serverPublicKey.empty())
+            return options_.serverPublicKey;
+        std::string key = env("QUORL_SERVER_KEY");
+        if (!key.empty())
+            return key;
+        std::string file = env("QUORL_SERVER_KEY_FILE");
+        if (!file.empty())
+            return readPublicKeyFile(file);
+        throw DeliveryError("no CURVE public key for exchange '" + peer +
+                            "': give its public key (QUORL_SERVER_KEY or QUORL_SERVER_KEY_FILE)");
+    }
+
+    Peer& connect(std::string const& peerName) {
+        auto peer = std::make_unique<Peer>();
+        peer->name = peerName;
+        peer->dealer = zmq::socket_t(context_, ZMQ_DEALER);
+        configureCommon(peer->dealer);
+        configureHeartbeats(peer->dealer, options_.heartbeatTimeout, options_.peerHeartbeatTimeout);
+        peer->dealer.set(zmq::sockopt::routing_id, name_);
+        peer->dealer.set(zmq::sockopt::reconnect_ivl, 100);
+        std::string endpoint = peerName;
+        if (isTcp(peerName)) {
+            if (options_.curve) {
+                std::string const key = publicKeyOf(peerName);
+                if (!isZ85Key(key))
+                    throw DeliveryError("the CURVE public key for exchange '" + peerName +
+                                        "' is not a 40-character Z85 key");
+                peer->dealer.set(zmq::sockopt::curve_serverkey, key);
+                peer->dealer.set(zmq::sockopt::curve_publickey, clientKeys_.publicKey);
+                peer->dealer.set(zmq::sockopt::curve_secretkey, clientKeys_.secretKey);
+            }
+        } else {
+            endpoint = "ipc://" + ipcPathOf(peerName, options_.ipcDirectory);
+        }
+        peer->monitor =
+            monitorOf(peer->dealer, ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED |
+                                        ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
+                                        ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
+                                        ZMQ_EVENT_HANDSHAKE_FAILED_AUTH);
+        try {
+            peer->dealer.connect(endpoint);
+        } catch (zmq::error_t const& e) {
+            throw DeliveryError("cannot connect to exchange '" + peerName + "': " + e.what());
+        }
+        peer->deadline = Clock::now() + options_.connectTimeout;
+        Peer& ref = *peer;
+        peers_[peerName] = std::move(peer);
+        return ref;
+    }
+
+    static zmq::message_t toMessage(std::string&& frame) {
+        if (frame.size() < 65536)
+            return zmq::message_t(frame.data(), frame.size());
+        auto* held = new std::string(std::move(frame));
+        return zmq::message_t(
+            &(*held)[0], held->size(),
+            [](void*, void* hint) { delete static_cast<std::string*>(hint); }, held);
+    }
+
+    void fail(std::string const& peer, std::string const& why) {
+        ZN_LOG(logger(), log::warning) << name_ << ": " << why;
+        failed_.emplace_back(peer, boost::copy_exception(DeliveryError(why)));
+    }
+
+    void failPeer(Peer& peer, std::string const& why) {
+        if (!peer.failure)
+            peer.failure = boost::copy_exception(DeliveryError(why));
+    }
+
+    void dispatch(Outgoing& out) {
+        auto it = peers_.find(out.to);
+        if (it != peers_.end()) {
+            // A failed peer's frames are dropped: its failure is reported this turn.
+            if (!it->second->failure && !it->second->dealer.send(toMessage(std::move(out.frame)),
+                                                                 zmq::send_flags::dontwait))
+                failPeer(*it->second, "exchange '" + out.to + "' does not take frames");
+            return;
+        }
+        if (router_ && inbound_.count(out.to)) {
+            if (routeBack(out.to, toMessage(std::move(out.frame))))
+                return;
+            inbound_.erase(out.to);
+            fail(out.to, "exchange '" + out.to + "' went away");
+            return;
+        }
+        if (!isZmqEndpoint(out.to)) {
+            fail(out.to, "no route to exchange '" + out.to +
+                             "': it is not connected and its name is not an endpoint");
+            return;
+        }
+        try {
+            Peer& peer = connect(out.to);
+            if (!peer.dealer.send(toMessage(std::move(out.frame)), zmq::send_flags::dontwait))
+                failPeer(peer, "exchange '" + out.to + "' does not take frames");
+        } catch (std::exception const& e) {
+            auto p = peers_.find(out.to);
+            if (p != peers_.end())
+                peers_.erase(p);
+            fail(out.to, e.what());
+        }
+    }
+
+    // Sends through the ROUTER to a peer that connected to us; false if it is gone.
+    bool routeBack(std::string const& to, zmq::message_t&& msg) {
+        try {
+            zmq::message_t id(to.data(), to.size());
+            if (!router_.send(id, zmq::send_flags::sndmore | zmq::send_flags::dontwait))
+                return false;
+            return bool(router_.send(msg, zmq::send_flags::dontwait));
+        } catch (zmq::error_t const& e) {
+            if (e.num() == EHOSTUNREACH)
+                return false;
+            throw;
+        }
+    }
+
+    // Reads one multipart message; false if it was not a single part after the expected ones.
+    static bool readParts(zmq::socket_t& s, std::vector<zmq::message_t>& parts, std::size_t want) {
+        parts.clear();
+        bool ok = true;
+        do {
+            zmq::message_t part;
+            if (!s.recv(part, zmq::recv_flags::dontwait))
+                return false;
+            if (parts.size() < want)
+                parts.push_back(std::move(part));
+            else
+                ok = false; // more parts than a frame has: drained and dropped
+        } while (s.get(zmq::sockopt::rcvmore));
+        return ok && parts.size() == want;
+    }
+
+    void readRouter() {
+        std::vector<zmq::message_t> parts;
+        for (int i = 0; i < 64; ++i) {
+            if (!(router_.get(zmq::sockopt::events) & ZMQ_POLLIN))
+                return;
+            if (!readParts(router_, parts, 2)) {
+                ZN_LOG(logger(), log::error) << name_ << ": dropped a malformed message";
+                continue;
+            }
+            std::string from(static_cast<char const*>(parts[0].data()), parts[0].size());
+            inbound_.insert(from);
+            if (parts[1].size() == 0)
+                continue; // a probe
+            sink_->receiveFrame(
+                from, std::string(static_cast<char const*>(parts[1].data()), parts[1].size()));
+        }
+    }
+
+    void readDealer(Peer& peer) {
+        std::vector<zmq::message_t> parts;
+        for (int i = 0; i < 64 && !peer.failure; ++i) {
+            if (!(peer.dealer.get(zmq::sockopt::events) & ZMQ_POLLIN))
+                return;
+            if (!readParts(peer.dealer, parts, 1)) {
+                ZN_LOG(logger(), log::error)
+                    << name_ << ": dropped a malformed message from " << peer.name;
+                continue;
+            }
+            if (parts[0].size() == 0)
+                continue;
+            sink_->receiveFrame(
+                peer.name, std::string(static_cast<char const*>(parts[0].data()), parts[0].size()));
+        }
+    }
+
+    // The next monitor event, or 0.
+    static std::uint16_t readEvent(zmq::socket_t& monitor) {
+        zmq::message_t ev;
+        if (!monitor.recv(ev, zmq::recv_flags::dontwait))
+            return 0;
+        std::uint16_t event = 0;
+        if (ev.size() >= 2)
+            std::memcpy(&event, ev.data(), 2);
+        while (monitor.get(zmq::sockopt::rcvmore)) {
+            zmq::message_t rest;
+            (void)monitor.recv(rest, zmq::recv_flags::dontwait);
+        }
+        return event;
+    }
+
+    static bool handshakeFailed(std::uint16_t e) {
+        return e == ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL ||
+               e == ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL || e == ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
+    }
+
+    void readPeerMonitor(Peer& peer) {
+        while (std::uint16_t e = readEvent(peer.monitor)) {
+            if (e == ZMQ_EVENT_HANDSHAKE_SUCCEEDED) {
+                peer.ready = true;
+            } else if (e == ZMQ_EVENT_DISCONNECTED) {
+                failPeer(peer,
+                         "exchange '" + peer.name + "' closed the connection or stopped answering");
+            } else if (handshakeFailed(e)) {
+                failPeer(peer, "exchange '" + peer.name +
+                                   "' refused the handshake (is its public key right?)");
+            }
+        }
+    }
+
+    void readRouterMonitor() {
+        while (std::uint16_t e = readEvent(routerMonitor_)) {
+            if (e == ZMQ_EVENT_DISCONNECTED) {
+                // Which peer left is not told: ask each one we route back to, now and once the
+                // socket has dropped the route.
+                auto now = Clock::now();
+                probes_.push_back(now + std::chrono::milliseconds(20));
+                probes_.push_back(now + std::chrono::milliseconds(300));
+            } else if (handshakeFailed(e)) {
+                ZN_LOG(logger(), log::warning)
+                    << name_ << ": refused a connection whose handshake failed";
+            }
+        }
+    }
+
+    void probeInbound() {
+        for (auto it = inbound_.begin(); it != inbound_.end();) {
+            if (peers_.count(*it) || routeBack(*it, zmq::message_t())) {
+                ++it;
+                continue;
+            }
+            std::string gone = *it;
+            it = inbound_.erase(it);
+            fail(gone, "exchange '" + gone + "' went away");
+        }
+    }
+
+    long nextTimeoutMs(Clock::time_point now) const {
+        Clock::time_point next = now + std::chrono::seconds(1);
+        for (auto const& p : peers_)
+            if (!p.second->ready)
+                next = std::min(next, p.second->deadline);
+        for (auto const& t : probes_)
+            next = std::min(next, t);
+        auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count();
+        return std::max<long>(0, static_cast<long>(ms) + 1);
+    }
+
+    void run() {
+        std::vector<zmq::pollitem_t> items;
+        std::vector<Peer*> order;
+        std::vector<Outgoing> batch;
+        while (true) {
+            {
+                std::lock_guard<std::mutex> lock(queueMutex_);
+                if (stopping_)
+                    break;
+            }
+            items.clear();
+            order.clear();
+            items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
+            if (router_) {
+                items.push_back({router_.handle(), 0, ZMQ_POLLIN, 0});
+                items.push_back({routerMonitor_.handle(), 0, ZMQ_POLLIN, 0});
+            }
+            for (auto& p : peers_) {
+                order.push_back(p.second.get());
+                items.push_back({p.second->dealer.handle(), 0, ZMQ_POLLIN, 0});
+                items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
+            }
+            try {
+                zmq::poll(items.data(), items.size(),
+                          std::chrono::milliseconds(nextTimeoutMs(Clock::now())));
+                turn(items, order, batch);
+            } catch (std::exception const& e) {
+                ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
+            }
+            reportFailures();
+        }
+        auto self = std::move(keepAlive_);
+        if (self)
+            closeAll();
+    }
+
+    void turn(std::vector<zmq::pollitem_t> const& items, std::vector<Peer*> const& order,
+              std::vector<Outgoing>& batch) {
+        if (items[0].revents & ZMQ_POLLIN) {
+            std::uint64_t n;
+            ssize_t r = ::read(wake_, &n, sizeof n);
+            (void)r;
+        }
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            batch.swap(outgoing_);
+        }
+        for (auto& out : batch)
+            dispatch(out);
+        batch.clear();
+        std::size_t i = 1;
+        if (router_) {
+            // Edge-triggered in effect: read whatever is there, the poll flag may be stale.
+            readRouter();
+            if (items[2].revents & ZMQ_POLLIN)
+                readRouterMonitor();
+            i = 3;
+        }
+        for (Peer* peer : order) {
+            if (items[i + 1].revents & ZMQ_POLLIN)
+                readPeerMonitor(*peer);
+            if (!peer->failure)
+                readDealer(*peer);
+            i += 2;
+        }
+        auto const now = Clock::now();
+        for (auto& p : peers_) {
+            if (!p.second->ready && !p.second->failure && now >= p.second->deadline)
+                failPeer(*p.second, "exchange '" + p.first + "' did not answer within " +
+                                        std::to_string(options_.connectTimeout.count()) + " ms");
+        }
+        if (!probes_.empty() &&
+            std::any_of(probes_.begin(), probes_.end(), [&](auto t) { return t <= now; })) {
+            probes_.erase(
+                std::remove_if(probes_.begin(), probes_.end(), [&](auto t) { return t <= now; }),
+                probes_.end());
+            probeInbound();
+        }
+    }
+
+    void reportFailures() {
+        for (auto it = peers_.begin(); it != peers_.end();) {
+            if (it->second->failure) {
+                ZN_LOG(logger(), log::warning)
+                    << name_ << ": dropping the connection to " << it->first;
+                failed_.emplace_back(it->first, it->second->failure);
+                inbound_.erase(it->first);
+                it = peers_.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        {
+            std::set<std::string> known = inbound_;
+            for (auto const& p : peers_)
+                known.insert(p.first);
+            std::lock_guard<std::mutex> lock(peersMutex_);
+            known_.swap(known);
+        }
+        auto failed = std::move(failed_);
+        failed_.clear();
+        for (auto& f : failed)
+            sink_->peerFailed(f.first, f.second);
+    }
+
+    void closeAll() {
+        peers_.clear();
+        if (routerMonitor_)
+            routerMonitor_.close();
+        if (router_)
+            router_.close();
+        context_.close();
+        if (wake_ >= 0)
+            ::close(wake_);
+        wake_ = -1;
+    }
+
+    ZmqTransportOptions const options_;
+    std::string name_;
+    TransportSink* sink_ = nullptr;
+    CurveKeyPair clientKeys_;
+    int wake_ = -1;
+    bool started_ = false;
+    zmq::context_t context_;
+    // Owned by the I/O thread once it runs:
+    zmq::socket_t router_;
+    zmq::socket_t routerMonitor_;
+    std::map<std::string, std::unique_ptr<Peer>> peers_;
+    std::set<std::string> inbound_; // peers that connected to the ROUTER
+    std::vector<Clock::time_point> probes_;
+    std::vector<std::pair<std::string, boost::exception_ptr>> failed_;
+    boost::shared_ptr<ZmqTransport> keepAlive_;
+
+    mutable std::mutex peersMutex_; // guards known_
+    std::set<std::string> known_;   // a copy of the peers for other threads
+
+    std::mutex queueMutex_; // guards outgoing_, stopping_
+    std::vector<Outgoing> outgoing_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
+} // namespace
+
+boost::shared_ptr<Transport> makeZmqTransport(ZmqTransportOptions const& options) {
+    return boost::make_shared<ZmqTransport>(options);
+}
+
+std::vector<std::string> connectedPeers(Transport const& transport) {
+    auto const* z = dynamic_cast<ZmqTransport const*>(&transport);
+    return z ? z->peers() : std::vector<std::string>();
+}
+
+} // namespace exchange
+} // namespace msg_svc
+} // namespace foundation

@@ -1,0 +1,5 @@
+#include <tools/server/serverapp.hpp>
+
+int main(int argc, char** argv) {
+    return quorl::server::runServer(argc, argv);
+}
