@@ -1,3 +1,4 @@
+#include <quorl/host/evalrunner.hpp>
 #include <quorl/host/host.hpp>
 #include <quorl/host/packagedtaskrunner.hpp>
 
@@ -38,6 +39,9 @@ HostState& state() {
     static HostState* s = [] {
         auto* made = new HostState; // lives for the whole process: interpreter threads use it
         made->runners["packaged_task"] = boost::make_shared<PackagedTaskRunner>();
+        auto eval = boost::make_shared<EvalRunner>();
+        made->runners["user eval"] = eval;
+        made->runners["internal eval"] = eval;
         return made;
     }();
     return *s;

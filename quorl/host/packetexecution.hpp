@@ -50,6 +50,8 @@ public:
     // Any thread: asks the packet to stop at its next safe point.
     void requestInterrupt() { interrupt_.store(true); }
     bool isInterruptRequested() const { return interrupt_.load(); }
+    // The flag itself, for code that polls it at its own safe points (any thread may set it).
+    std::atomic<bool> const& interruptFlag() const { return interrupt_; }
 
 private:
     foundation::msg_svc::exchange::IDType id_;

@@ -1,0 +1,236 @@
+// Eval requests through the distributor to the reference host in one process: the interpreter's
+// own workspace per context, the client's workspace, output, errors and interrupts.
+#include <quorl/host/evalrunner.hpp>
+#include <quorl/host/host.hpp>
+
+#include <quorl/cmddistributor/cmddistributor.hpp>
+#include <quorl/cmddistributor/evalcmdrequest.hpp>
+#include <quorl/io/veldrasink.hpp>
+#include <quorl/workspace/clientworkspace.hpp>
+
+#include <boost/make_shared.hpp>
+#include <boost/thread/future.hpp>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <streambuf>
+
+using namespace cmddistributor;
+using foundation::extdata::Array;
+using foundation::msg_svc::exchange::IDType;
+using quorl::contextmgr::FennID;
+using quorl::host::Host;
+
+namespace {
+
+constexpr auto kPatience = std::chrono::seconds(20);
+
+// A sink buffer that keeps what reaches it and lets a test wait for a given text.
+class TextBuffer : public std::basic_streambuf<char16_t> {
+public:
+    std::u16string text() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return text_;
+    }
+    // True once the text contains `part`; false when the patience ran out first.
+    bool waitFor(std::u16string const& part) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, kPatience,
+                                 [&] { return text_.find(part) != std::u16string::npos; });
+    }
+
+protected:
+    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        text_.append(s, static_cast<std::size_t>(n));
+        changed_.notify_all();
+        return n;
+    }
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof()))
+            return traits_type::not_eof(c);
+        char16_t unit = traits_type::to_char_type(c);
+        xsputn(&unit, 1);
+        return c;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::u16string text_;
+};
+
+struct Sink {
+    boost::shared_ptr<TextBuffer> buffer = boost::make_shared<TextBuffer>();
+    boost::shared_ptr<quorl::io::VeldraSink> sink =
+        boost::make_shared<quorl::io::VeldraSink>(buffer);
+};
+
+class EvalRunnerTest : public ::testing::Test {
+protected:
+    void SetUp() override { Host::start(); }
+    void TearDown() override { Host::stop(); }
+
+    // Runs code in the interpreter's own workspace of `fenn` and waits for its end; what the
+    // future throws comes out.
+    static void eval(FennID fenn, std::u16string const& code, Sink* out = nullptr,
+                     Sink* err = nullptr, bool user = true) {
+        auto request = boost::make_shared<EvalCmdRequest>(
+            user, UnsetIqmStreamID, out ? out->sink : nullptr, err ? err->sink : nullptr, code);
+        finish(CmdDistributor::instance(fenn)->enqueueWithFuture(request));
+    }
+    // The same in a client's workspace.
+    static void evalIn(FennID fenn, boost::shared_ptr<quorl::workspace::ClientWorkspace> const& ws,
+                       std::u16string const& code, Sink* out = nullptr) {
+        auto request = boost::make_shared<EvalCmdRequest>(
+            true, UnsetIqmStreamID, ws, out ? out->sink : nullptr, nullptr, code, ConventionalType);
+        finish(CmdDistributor::instance(fenn)->enqueueWithFuture(request));
+    }
+    static void finish(boost::unique_future<void> future) {
+        ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+        future.get();
+    }
+    // The error that evaluating `code` ends with.
+    static RuntimeException failure(FennID fenn, std::u16string const& code) {
+        try {
+            eval(fenn, code);
+        } catch (RuntimeException const& e) {
+            return e;
+        }
+        ADD_FAILURE() << "the code ended without an error";
+        return RuntimeException();
+    }
+};
+
+} // namespace
+
+TEST_F(EvalRunnerTest, TheInterpretersWorkspaceKeepsValuesPerContextForBothEvalKinds) {
+    FennID const first{21};
+    FennID const second{22};
+    eval(first, u"x = 6 * 7;");
+    Sink out;
+    eval(first, u"disp(x)", &out, nullptr, /*user=*/false);
+    EXPECT_EQ(out.buffer->text(), u"42\n");
+    eval(first, u"x = x + 1;", nullptr, nullptr, /*user=*/false);
+    Sink again;
+    eval(first, u"disp(x)", &again);
+    EXPECT_EQ(again.buffer->text(), u"43\n");
+
+    // Another context has a workspace of its own.
+    RuntimeException e = failure(second, u"disp(x)");
+    EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
+    EXPECT_EQ(e.GetID(), "quorl:undefinedFunctionOrVariable");
+}
+
+TEST_F(EvalRunnerTest, CodeRunsInTheClientsWorkspaceAndLeavesTheInterpretersAlone) {
+    FennID const fenn{23};
+    auto ws = boost::make_shared<quorl::workspace::ClientWorkspace>();
+    ws->set("a", Array::createScalar(5.0));
+    ws->set("gone", Array::createChar(u"old"));
+    Sink out;
+    evalIn(fenn, ws, u"b = a * 2; clear gone; fprintf('%g\\n', b)", &out);
+    EXPECT_EQ(out.buffer->text(), u"10\n");
+    auto b = ws->find("b");
+    ASSERT_TRUE(b);
+    EXPECT_EQ(b->get<double>(0), 10.0);
+    EXPECT_FALSE(ws->find("gone"));
+
+    // The client's later change is what the next request sees.
+    ws->set("a", Array::createScalar(7.0));
+    evalIn(fenn, ws, u"b = a + 1;");
+    EXPECT_EQ(ws->find("b")->get<double>(0), 8.0);
+
+    // Neither a nor b went into the interpreter's own workspace, nor does its x reach the client.
+    eval(fenn, u"x = 1;");
+    EXPECT_EQ(failure(fenn, u"disp(a)").GetID(), "quorl:undefinedFunctionOrVariable");
+    EXPECT_FALSE(ws->find("x"));
+}
+
+TEST_F(EvalRunnerTest, OutputAndErrorTextReachTheRequestsOwnSinksInOrder) {
+    FennID const fenn{24};
+    Sink out;
+    Sink err;
+    Sink other;
+    eval(fenn, u"for k = 1:5, fprintf('%d,', k); end\nfprintf(2, 'to err %d\\n', 2);\ndisp('end')",
+         &out, &err);
+    eval(fenn, u"disp('other')", &other);
+    EXPECT_EQ(out.buffer->text(), u"1,2,3,4,5,end\n");
+    EXPECT_EQ(err.buffer->text(), u"to err 2\n");
+    EXPECT_EQ(other.buffer->text(), u"other\n");
+
+    // Text written before an error still arrives, ahead of the failed completion.
+    Sink partial;
+    EXPECT_THROW(eval(fenn, u"disp('before'); undefinedThing; disp('after')", &partial),
+                 RuntimeException);
+    EXPECT_EQ(partial.buffer->text(), u"before\n");
+}
+
+TEST_F(EvalRunnerTest, AnErrorComesBackWithItsIdentifierStackAndCause) {
+    FennID const fenn{25};
+    RuntimeException e = failure(fenn, u"y = outerf(3);\n"
+                                       u"function r = outerf(x)\n"
+                                       u"  try\n"
+                                       u"    r = innerf(x);\n"
+                                       u"  catch\n"
+                                       u"    error('evaltest:outer', 'outer gave up');\n"
+                                       u"  end\n"
+                                       u"end\n"
+                                       u"function r = innerf(x)\n"
+                                       u"  error('evaltest:inner', 'inner failed on %d', x);\n"
+                                       u"end\n");
+    EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
+    EXPECT_EQ(e.GetID(), "evaltest:outer");
+    EXPECT_STREQ(e.what(), "outer gave up");
+    EXPECT_EQ(e.getFunctionName(), "outerf");
+    auto const& frames = e.getStackFrames();
+    // Code typed in has no frame of its own: the stack holds the functions' frames.
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(frames[0].func, "outerf");
+    EXPECT_EQ(frames[0].line, 6.0);
+    EXPECT_TRUE(frames[0].file.empty());
+
+    ASSERT_EQ(e.getCauses().size(), 1u);
+    RuntimeException const& cause = e.getCauses()[0];
+    EXPECT_EQ(cause.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
+    EXPECT_EQ(cause.GetID(), "evaltest:inner");
+    EXPECT_STREQ(cause.what(), "inner failed on 3");
+    auto const& inner = cause.getStackFrames();
+    ASSERT_EQ(inner.size(), 2u);
+    EXPECT_EQ(inner[0].func, "innerf");
+    EXPECT_EQ(inner[0].line, 10.0);
+    EXPECT_EQ(inner[1].func, "outerf");
+    EXPECT_EQ(inner[1].line, 4.0);
+    EXPECT_TRUE(cause.getCauses().empty());
+}
+
+TEST_F(EvalRunnerTest, CancelWithInterruptStopsARunningLoopAndTheContextServesOn) {
+    FennID const fenn{26};
+    auto distributor = CmdDistributor::instance(fenn);
+    Sink out;
+    auto looping = boost::make_shared<EvalCmdRequest>(true, UnsetIqmStreamID, out.sink, nullptr,
+                                                      u"n = 0; disp('started'); while true, end");
+    IDType const id;
+    auto future = distributor->enqueueWithFuture(looping, id);
+    // The output arrives while the loop runs: then the packet is surely running.
+    ASSERT_TRUE(out.buffer->waitFor(u"started\n"));
+    EXPECT_FALSE(future.is_ready());
+
+    auto status = distributor->cancelRequest(id, true);
+    ASSERT_TRUE(status.timed_wait(boost::posix_time::seconds(20)));
+    EXPECT_EQ(status.get(), CmdDistributor::CancelEndedByStatus4);
+    ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
+    try {
+        future.get();
+        ADD_FAILURE() << "an interrupted loop completed normally";
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionInterrupted);
+    }
+
+    // The interrupt ended that packet only: the next one runs, in the same workspace.
+    Sink after;
+    eval(fenn, u"disp(n + 1)", &after);
+    EXPECT_EQ(after.buffer->text(), u"1\n");
+}
