@@ -4,8 +4,8 @@
 #include <tests/crossprocess/testprotocol.hpp>
 #include <tools/server/serverapp.hpp>
 
-#include <host/packetexecution.hpp>
-#include <host/packetrunner.hpp>
+#include <quorl/host/packetexecution.hpp>
+#include <quorl/host/packetrunner.hpp>
 #include <quorl/host/host.hpp>
 
 #include <boost/make_shared.hpp>
