@@ -19,6 +19,8 @@ namespace crossprocess {
 
 namespace {
 std::atomic<int> pingsHandled{0};
+// Kept for the life of the process: ended at exit, it would outlive the counts it updates.
+foundation::msg_svc::eventmgr::Connection* pingConnection = nullptr;
 
 struct Tally : TallyApi {
     int sum = 0; // only the actor's thread touches it
@@ -92,14 +94,14 @@ template <class A> void TallyMessage::serialize(A& ar, unsigned) {
 
 void installServerSide() {
     auto session = quorl::eventmgr::createLocalEventMgr(boost::none);
-    // Kept for the life of the process: ended at exit, it would outlive the counts it updates.
-    (void)session
-        ->subscribe<PingEvent>([](PingEvent const&) {
-            // A slow subscriber: a flush that did not wait for it would count short.
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            ++pingsHandled;
-        })
-        .release();
+    pingConnection = session
+                         ->subscribe<PingEvent>([](PingEvent const&) {
+                             // A slow subscriber: a flush that did not wait for it would count
+                             // short.
+                             std::this_thread::sleep_for(std::chrono::milliseconds(2));
+                             ++pingsHandled;
+                         })
+                         .release();
     foundation::msg_svc::exchange::registerActor<TallyApi>(
         *foundation::msg_svc::exchange::ExchangeApi::instance(), "crossprocess.tally",
         boost::make_shared<Tally>());

@@ -33,6 +33,10 @@ GuardedIArchive::GuardedIArchive(std::istream& is, unsigned int flags)
     if (!buffer_)
         throw std::invalid_argument("a guarded archive reads a GuardedIArchive::Buffer");
     if (!(flags & boost::archive::no_header)) {
+        // Boost reads the header's version byte by byte without checking for the end (a debug
+        // build asserts on it): the signature and version take 32 bytes.
+        if (buffer_->left() < 32)
+            refuse("a truncated header");
         init(flags);
         auto const version = static_cast<unsigned>(get_library_version());
         if (version < kOldestLibraryVersion ||
