@@ -10,6 +10,7 @@
 #include <quorl/cmddistributor/runtimeexception.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
+#include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/transport.hpp>
 
@@ -19,9 +20,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <mutex>
 #include <string>
 
 using namespace cmddistributor;
+using foundation::msg_svc::exchange::CommunicationErrorEvent;
 using foundation::msg_svc::exchange::ExchangeApi;
 using foundation::msg_svc::exchange::ExchangeConfig;
 using foundation::msg_svc::exchange::IDType;
@@ -98,7 +104,21 @@ public:
         serverExchange = ExchangeApi::create(server);
         setDeliverFuncPtr(&deliverHere);
     }
-    void TearDown() override { serverExchange.reset(); }
+    // Waits until the client has heard that the server stopped: the loopback transport tells it
+    // on a thread of its own, which must not still be at work while the process exits.
+    void TearDown() override {
+        auto heard = std::make_shared<std::promise<void>>();
+        auto once = std::make_shared<std::once_flag>();
+        auto manager = quorl::eventmgr::createLocalEventMgr(boost::none);
+        auto connection = manager->subscribe<CommunicationErrorEvent>(
+            [heard, once](CommunicationErrorEvent const& e) {
+                if (e.getExchangeName() == "server")
+                    std::call_once(*once, [&heard] { heard->set_value(); });
+            });
+        serverExchange.reset();
+        EXPECT_EQ(heard->get_future().wait_for(std::chrono::seconds(20)),
+                  std::future_status::ready);
+    }
     boost::shared_ptr<ExchangeApi> serverExchange;
 };
 ::testing::Environment* const environment = ::testing::AddGlobalTestEnvironment(new TwoExchanges);
@@ -134,9 +154,15 @@ TEST(EnqueueFailure, ADeliverThatThrowsInThisProcessFailsTheRequest) {
     auto f = d->enqueueWithFuture(refused());
     EXPECT_EQ(failureOf(f), "deliver refused the packet");
 
+    // The continuation runs once, after the future is made ready: wait for it, not for the future.
     std::atomic<int> continued{0};
-    auto withContinuation = d->enqueueWithContinuation(refused(), [&] { ++continued; });
+    std::promise<void> ran;
+    auto withContinuation = d->enqueueWithContinuation(refused(), [&] {
+        if (++continued == 1)
+            ran.set_value();
+    });
     EXPECT_EQ(failureOf(withContinuation), "deliver refused the packet");
+    ASSERT_EQ(ran.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_EQ(continued.load(), 1);
 
     // Fire and forget: nobody to tell, but the record goes. The ordered queue delivers the next
