@@ -4,13 +4,14 @@
 // test's own and refuses packets of the plug-in type "refused".
 #include <foundation/msg_svc/serialization/archives.hpp>
 
+#include <tests/support/stopexchange.hpp>
+
 #include <quorl/cmddistributor/defaultdistributor.hpp>
 #include <quorl/cmddistributor/fcncmdrequest.hpp>
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/cmddistributor/runtimeexception.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 
-#include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/transport.hpp>
 
@@ -22,12 +23,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <memory>
-#include <mutex>
 #include <string>
 
 using namespace cmddistributor;
-using foundation::msg_svc::exchange::CommunicationErrorEvent;
 using foundation::msg_svc::exchange::ExchangeApi;
 using foundation::msg_svc::exchange::ExchangeConfig;
 using foundation::msg_svc::exchange::IDType;
@@ -104,20 +102,8 @@ public:
         serverExchange = ExchangeApi::create(server);
         setDeliverFuncPtr(&deliverHere);
     }
-    // Waits until the client has heard that the server stopped: the loopback transport tells it
-    // on a thread of its own, which must not still be at work while the process exits.
     void TearDown() override {
-        auto heard = std::make_shared<std::promise<void>>();
-        auto once = std::make_shared<std::once_flag>();
-        auto manager = quorl::eventmgr::createLocalEventMgr(boost::none);
-        auto connection = manager->subscribe<CommunicationErrorEvent>(
-            [heard, once](CommunicationErrorEvent const& e) {
-                if (e.getExchangeName() == "server")
-                    std::call_once(*once, [&heard] { heard->set_value(); });
-            });
-        serverExchange.reset();
-        EXPECT_EQ(heard->get_future().wait_for(std::chrono::seconds(20)),
-                  std::future_status::ready);
+        EXPECT_TRUE(quorl_testing::stopExchangeAndWaitForReport(serverExchange));
     }
     boost::shared_ptr<ExchangeApi> serverExchange;
 };

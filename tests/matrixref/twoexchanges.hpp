@@ -8,6 +8,7 @@
 #include <quorl/matrixref/matrixrefservice.hpp>
 #include <quorl/matrixref/matrixreftable.hpp>
 #include <tests/matrixref/countedarrays.hpp>
+#include <tests/support/stopexchange.hpp>
 
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 
@@ -40,7 +41,7 @@ public:
         quorl::matrixref::MatrixRefService::registerWith(*server);
         quorl::matrixref::detail::refRegisterExchange(ServerAsClientKnowsIt, ServerExchange);
     }
-    void TearDown() override { server.reset(); }
+    void TearDown() override { EXPECT_TRUE(quorl_testing::stopExchangeAndWaitForReport(server)); }
 
     static boost::shared_ptr<quorl::matrixref::MatrixRefTable> table;
     static boost::shared_ptr<foundation::msg_svc::exchange::ExchangeApi> server;

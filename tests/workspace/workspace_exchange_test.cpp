@@ -2,6 +2,7 @@
 // family, and a client workspace read and written from a serving side on another exchange, with
 // the bytes on the wire counted.
 #include <tests/support/archivetesting.hpp>
+#include <tests/support/stopexchange.hpp>
 
 #include <quorl/cmddistributor/evaliip.hpp>
 #include <quorl/workspace/clientworkspace.hpp>
@@ -77,7 +78,9 @@ public:
         client.transport = clientWire;
         clientExchange = ExchangeApi::create(client);
     }
-    void TearDown() override { clientExchange.reset(); }
+    void TearDown() override {
+        EXPECT_TRUE(quorl_testing::stopExchangeAndWaitForReport(clientExchange));
+    }
     static boost::shared_ptr<ExchangeApi> clientExchange;
 };
 boost::shared_ptr<ExchangeApi> TwoSides::clientExchange;
