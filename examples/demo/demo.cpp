@@ -69,7 +69,7 @@ private:
 void evaluate(CmdDistributor& distributor, std::u16string const& code) {
     auto out = boost::make_shared<quorl::io::VeldraSink>(boost::make_shared<PrintingBuffer>());
     std::string shown = fl::i18n::to_string(code);
-    for (std::size_t at = shown.find('\n'); at != std::string::npos; at = shown.find('\n', at))
+    for (std::size_t at = shown.find('\n'); at != std::string::npos; at = shown.find('\n', at + 1))
         shown.replace(at, 1, "\n      ");
     std::cout << "eval> " << shown << std::endl;
     try {
