@@ -14,9 +14,9 @@ namespace language {
 
 namespace {
 
-std::string cfmt(char const* spec, double v) {
+std::string cfmt(char const* format, double v) {
     char buf[512];
-    std::snprintf(buf, sizeof buf, spec, v);
+    std::snprintf(buf, sizeof buf, format, v);
     return buf;
 }
 
