@@ -2,6 +2,7 @@
 // own workspace per context, the client's workspace, output, errors and interrupts.
 #include <quorl/host/evalrunner.hpp>
 #include <quorl/host/host.hpp>
+#include <tests/support/textbuffer.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
@@ -26,42 +27,9 @@ using quorl::host::Host;
 
 namespace {
 
+using quorl_testing::TextBuffer;
+
 constexpr auto kPatience = std::chrono::seconds(20);
-
-// A sink buffer that keeps what reaches it and lets a test wait for a given text.
-class TextBuffer : public std::basic_streambuf<char16_t> {
-public:
-    std::u16string text() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return text_;
-    }
-    // True once the text contains `part`; false when the patience ran out first.
-    bool waitFor(std::u16string const& part) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience,
-                                 [&] { return text_.find(part) != std::u16string::npos; });
-    }
-
-protected:
-    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        text_.append(s, static_cast<std::size_t>(n));
-        changed_.notify_all();
-        return n;
-    }
-    int_type overflow(int_type c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof()))
-            return traits_type::not_eof(c);
-        char16_t unit = traits_type::to_char_type(c);
-        xsputn(&unit, 1);
-        return c;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::u16string text_;
-};
 
 struct Sink {
     boost::shared_ptr<TextBuffer> buffer = boost::make_shared<TextBuffer>();

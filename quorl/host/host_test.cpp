@@ -1,5 +1,6 @@
 #include <quorl/host/host.hpp>
 #include <quorl/host/packetexecution.hpp>
+#include <tests/support/textbuffer.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/defaultdistributor.hpp>
@@ -114,37 +115,6 @@ protected:
         return boost::make_shared<IIP>("test_loop", UnsetIqmStreamID, getOutputSink(),
                                        getErrorSink());
     }
-};
-
-// A sink buffer that keeps what reaches it, for any thread.
-class CapturingBuffer : public std::basic_streambuf<char16_t> {
-public:
-    // The text once it holds at least `length` units, or what it holds after the patience.
-    ustring waitFor(std::size_t length) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait_for(lock, kPatience, [&] { return text_.size() >= length; });
-        return text_;
-    }
-
-protected:
-    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        text_.append(s, static_cast<std::size_t>(n));
-        changed_.notify_all();
-        return n;
-    }
-    int_type overflow(int_type c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof()))
-            return traits_type::not_eof(c);
-        char16_t unit = traits_type::to_char_type(c);
-        xsputn(&unit, 1);
-        return c;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    ustring text_;
 };
 
 // The completion or discard that reached a packet's bypass, and the thread it came on.
@@ -322,14 +292,14 @@ TEST_F(HostTest, CancelDiscardsAQueuedPacketAndInterruptsARunningOne) {
 }
 
 TEST_F(HostTest, OutputOfARunningPacketReachesTheRequestsOwnSinks) {
-    auto outBuffer = boost::make_shared<CapturingBuffer>();
-    auto errBuffer = boost::make_shared<CapturingBuffer>();
+    auto outBuffer = boost::make_shared<quorl_testing::TextBuffer>();
+    auto errBuffer = boost::make_shared<quorl_testing::TextBuffer>();
     auto out = boost::make_shared<quorl::io::VeldraSink>(outBuffer);
     auto err = boost::make_shared<quorl::io::VeldraSink>(errBuffer);
     boost::shared_ptr<CmdRequest> request = boost::make_shared<LoopRequest>(out, err);
     auto future = CmdDistributor::instance(FennID{8})->enqueueWithFuture(request);
-    EXPECT_EQ(outBuffer->waitFor(7), u"looping");
-    EXPECT_EQ(errBuffer->waitFor(8), u"on error");
+    EXPECT_EQ(outBuffer->waitForLength(7), u"looping");
+    EXPECT_EQ(errBuffer->waitForLength(8), u"on error");
     loop->release = true;
     ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_NO_THROW(future.get());

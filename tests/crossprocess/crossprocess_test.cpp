@@ -2,6 +2,7 @@
 // the built server program, over ipc:// and tcp:// with CURVE, killed and restarted.
 #include <tests/crossprocess/serverprocess.hpp>
 #include <tests/crossprocess/testprotocol.hpp>
+#include <tests/support/textbuffer.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/cmdrequest.hpp>
@@ -96,45 +97,11 @@ std::string failureOf(std::function<void()> const& f) {
     return "(no failure)";
 }
 
-// A sink that keeps its text and lets a test wait for some of it.
-class WatchedBuffer : public std::basic_streambuf<char16_t> {
-public:
-    bool waitFor(std::u16string const& part) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, kPatience,
-                                 [&] { return text_.find(part) != std::u16string::npos; });
-    }
-    std::u16string text() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return text_;
-    }
-
-protected:
-    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        text_.append(s, static_cast<std::size_t>(n));
-        changed_.notify_all();
-        return n;
-    }
-    int_type overflow(int_type c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof()))
-            return traits_type::not_eof(c);
-        char16_t unit = traits_type::to_char_type(c);
-        xsputn(&unit, 1);
-        return c;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::u16string text_;
-};
-
 // A packet of the test server's looping type, its output watched.
 class LoopRequest : public cmddistributor::CmdRequest {
 public:
-    LoopRequest() : LoopRequest(boost::make_shared<WatchedBuffer>()) {}
-    WatchedBuffer& output() { return *buffer_; }
+    LoopRequest() : LoopRequest(boost::make_shared<quorl_testing::TextBuffer>()) {}
+    quorl_testing::TextBuffer& output() { return *buffer_; }
 
 protected:
     boost::shared_ptr<cmddistributor::IIP> createIIP() override {
@@ -143,11 +110,11 @@ protected:
     }
 
 private:
-    explicit LoopRequest(boost::shared_ptr<WatchedBuffer> b)
+    explicit LoopRequest(boost::shared_ptr<quorl_testing::TextBuffer> b)
         : CmdRequest(cmddistributor::UnsetIqmStreamID, boost::make_shared<quorl::io::VeldraSink>(b),
                      nullptr),
           buffer_(std::move(b)) {}
-    boost::shared_ptr<WatchedBuffer> buffer_;
+    boost::shared_ptr<quorl_testing::TextBuffer> buffer_;
 };
 
 } // namespace
