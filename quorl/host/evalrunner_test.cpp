@@ -14,11 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <streambuf>
-
 using namespace cmddistributor;
 using foundation::extdata::Array;
 using foundation::msg_svc::exchange::IDType;
@@ -28,8 +23,6 @@ using quorl::host::Host;
 namespace {
 
 using quorl_testing::TextBuffer;
-
-constexpr auto kPatience = std::chrono::seconds(20);
 
 struct Sink {
     boost::shared_ptr<TextBuffer> buffer = boost::make_shared<TextBuffer>();
