@@ -96,13 +96,14 @@ void releaseCountObject(void* p, std::size_t size) noexcept;
 // The cells of T's chain, looked up once per type.
 template <class T> struct TypeCountCells {
     static std::vector<std::atomic<std::uint64_t>*> const& cells() {
-        static std::vector<std::atomic<std::uint64_t>*> const c = [] {
-            std::vector<std::atomic<std::uint64_t>*> v;
+        // Never destroyed, like the type records it is made from.
+        static std::vector<std::atomic<std::uint64_t>*> const* const c = [] {
+            auto* v = new std::vector<std::atomic<std::uint64_t>*>;
             for (ustring const& name : TypeNameChain<T>::names())
-                v.push_back(countCell(name));
+                v->push_back(countCell(name));
             return v;
         }();
-        return c;
+        return *c;
     }
 };
 
@@ -131,8 +132,8 @@ public:
 
 private:
     static TagVector const& ownName() {
-        static TagVector const n{TypeNameChain<T>::names().front()};
-        return n;
+        static TagVector const* const n = new TagVector{TypeNameChain<T>::names().front()};
+        return *n;
     }
     std::vector<std::atomic<std::uint64_t>*> const& cells_;
 };

@@ -4,7 +4,8 @@
 // Immutable once made: adding tags makes a copy (withTags). Safe to share between threads.
 //
 // DerivedTypeInformation<T> is the record of event type T; one instance per type, made at first
-// use. An event type T declares
+// use and never destroyed, so that events made while the process exits (a peer failing during
+// static destruction) still find it. An event type T declares
 //   typedef <its base event type> EventBaseType;    // BaseEvent declares void
 //   static ustring eventTypeName();                 // T's own name
 // and may declare `bool fieldsEqual(T const&) const` to compare its own fields (equality of
@@ -76,16 +77,17 @@ template <class T> struct TypeNameChain {
         names.insert(names.end(), base.begin(), base.end());
         return names;
     }
+    // Never destroyed: see DerivedTypeInformation::instance.
     static TagVector const& names() {
-        static TagVector const n = make();
-        return n;
+        static TagVector const* const n = new TagVector(make());
+        return *n;
     }
 };
 
 template <> struct TypeNameChain<void> {
     static TagVector const& names() {
-        static TagVector const n;
-        return n;
+        static TagVector const* const n = new TagVector;
+        return *n;
     }
 };
 
@@ -103,14 +105,15 @@ template <class T> bool eventFieldsEqual(T const&, T const&, std::false_type) {
 
 template <class T> class DerivedTypeInformation : public TypeInformation {
 public:
-    // The one record of T, made at first use.
+    // The one record of T, made at first use and deliberately never freed: a function-local
+    // static would be destroyed at exit while other threads may still make events of T.
     static boost::shared_ptr<TypeInformation> const& instance() {
-        static boost::shared_ptr<TypeInformation> const info = [] {
+        static boost::shared_ptr<TypeInformation> const* const info = [] {
             boost::shared_ptr<DerivedTypeInformation> p(new DerivedTypeInformation);
             p->refreshTags();
-            return boost::shared_ptr<TypeInformation>(p);
+            return new boost::shared_ptr<TypeInformation>(p);
         }();
-        return info;
+        return *info;
     }
 
     bool isType(std::type_info const& type) const override { return type == typeid(T); }
