@@ -114,6 +114,8 @@ template <class T> boost::shared_ptr<T const> decodeObject(char const* bytes, st
     serialization::GuardedIArchive::Buffer buffer(bytes, size);
     std::istream is(&buffer);
     serialization::PolymorphicGuardedIArchive ia(is);
+    ia.expectPointerTo(
+        boost::serialization::type_info_implementation<T>::type::get_const_instance());
     T* p = nullptr;
     ia >> boost::serialization::make_nvp("object", p);
     if (!p)

@@ -1,11 +1,16 @@
 #include <foundation/msg_svc/serialization/guardediarchive.hpp>
 
+#include <boost/archive/archive_exception.hpp>
 #include <boost/archive/detail/basic_iserializer.hpp>
 #include <boost/archive/detail/basic_pointer_iserializer.hpp>
 #include <boost/archive/impl/archive_serializer_map.ipp>
 #include <boost/archive/impl/basic_binary_iarchive.ipp>
 #include <boost/archive/impl/basic_binary_iprimitive.ipp>
 #include <boost/serialization/extended_type_info.hpp>
+#include <boost/serialization/void_cast.hpp>
+
+#include <cstddef>
+#include <exception>
 
 #include <cstring>
 #include <stdexcept>
@@ -20,6 +25,25 @@ constexpr unsigned kOldestLibraryVersion = 14;
 
 [[noreturn]] void refuse(std::string const& what) {
     throw std::runtime_error("refused archive: " + what);
+}
+
+// Whether a pointer to `derived` converts to one to `base`, as Boost will try after the load.
+bool isKindOf(boost::serialization::extended_type_info const& derived,
+              boost::serialization::extended_type_info const& base) {
+    if (&derived == &base)
+        return true;
+    // The conversion only adds offsets: any address inside a buffer answers.
+    alignas(std::max_align_t) static char const probe[256] = {};
+    return boost::serialization::void_upcast(derived, base, probe + 128) != nullptr;
+}
+bool isUnconvertedPointer(std::exception_ptr const& e) {
+    try {
+        std::rethrow_exception(e);
+    } catch (boost::archive::archive_exception const& x) {
+        return x.code == boost::archive::archive_exception::unregistered_class;
+    } catch (...) {
+        return false;
+    }
 }
 } // namespace
 
@@ -124,6 +148,7 @@ void GuardedIArchive::load_override(boost::archive::class_id_type& t) {
         // A class met before must be one that can be loaded through a pointer.
         if (!byId_[static_cast<std::size_t>(id)]->get_bpis_ptr())
             refuse("class id " + std::to_string(id) + " names a class never sent by pointer");
+        checkClass(pointers_.back(), byId_[static_cast<std::size_t>(id)]->get_eti());
         return;
     }
     // A new class for the pointer being loaded: Boost registers it now, by its name if the
@@ -133,6 +158,22 @@ void GuardedIArchive::load_override(boost::archive::class_id_type& t) {
         load.newClassNamed = true;
     else if (!known(&load.bpis->get_basic_serializer()))
         refuse("class id " + std::to_string(id) + " given to a class that has one");
+    else
+        load.classChecked = true; // the pointer's own class
+}
+
+void GuardedIArchive::checkClass(PointerLoad& load,
+                                 boost::serialization::extended_type_info const& type) {
+    // The pointer's own class, where known: the outermost one's, or that of its loader.
+    auto const* expected = pointers_.size() == 1 && expectedOuter_ ? expectedOuter_
+                           : load.bpis                             ? &load.bpis->get_eti()
+                                                                   : nullptr;
+    if (!expected)
+        return;
+    if (!isKindOf(type, *expected))
+        refuse(std::string("class '") + (type.get_key() ? type.get_key() : "?") +
+               "' is not a kind of '" + (expected->get_key() ? expected->get_key() : "?") + "'");
+    load.classChecked = true;
 }
 
 bool GuardedIArchive::known(boost::archive::detail::basic_iserializer const* bis) {
@@ -159,6 +200,7 @@ void GuardedIArchive::load_override(boost::archive::class_name_type& t) {
     auto const* bpis = load.finder(*type);
     if (!bpis) // Boost would go on without a loader for it
         refuse("class '" + std::string(key) + "' cannot be loaded through a pointer");
+    checkClass(load, *type);
     if (!known(&bpis->get_basic_serializer()))
         refuse("class '" + std::string(key) + "' sent as new but met before");
 }
@@ -173,6 +215,7 @@ void GuardedIArchive::load_override(boost::archive::object_id_type& t) {
 }
 
 void GuardedIArchive::load_object(void* t, boost::archive::detail::basic_iserializer const& bis) {
+    unclaimed_ = Unclaimed(); // the last pointer read was converted: Boost goes on
     // The first object loaded within a pointer load is the object made for that pointer.
     if (!pointers_.empty() && !pointers_.back().object) {
         pointers_.back().object = t;
@@ -184,12 +227,22 @@ void GuardedIArchive::load_object(void* t, boost::archive::detail::basic_iserial
 
 boost::archive::detail::basic_pointer_iserializer const* GuardedIArchive::load_pointer(
     void*& t, boost::archive::detail::basic_pointer_iserializer const* bpis, Finder finder) {
-    pointers_.push_back(PointerLoad{bpis, finder, false, nullptr, nullptr});
+    unclaimed_ = Unclaimed();
+    pointers_.push_back(PointerLoad{bpis, finder, false, false, nullptr, nullptr});
     try {
         auto const* loaded = Base::load_pointer(t, bpis, finder);
+        PointerLoad const done = pointers_.back();
         pointers_.pop_back();
+        if (!pointers_.empty() && !done.classChecked && done.object && t == done.object)
+            unclaimed_ = Unclaimed{done.object, done.objectType};
         return loaded;
     } catch (...) {
+        // Boost converts the pointer after its load and throws unregistered_class if it cannot;
+        // the object it made is then in nobody's hands.
+        Unclaimed const lost = unclaimed_;
+        unclaimed_ = Unclaimed();
+        if (lost.object && isUnconvertedPointer(std::current_exception()))
+            lost.type->destroy(lost.object);
         PointerLoad failed = pointers_.back();
         pointers_.pop_back();
         if (failed.object) {

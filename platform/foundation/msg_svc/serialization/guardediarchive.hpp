@@ -9,14 +9,21 @@
 //    reference could name an object of another type or the enclosing one);
 //  - a string length or element count larger than the bytes left in the buffer;
 //  - a bool byte other than 0 or 1;
+//  - a class named for a pointer that is not a kind of the pointer's class (Boost would make the
+//    object, fail to convert the pointer, and lose the object), where that class is known: the
+//    outermost pointer's (expectPointerTo) and that of any pointer to a class with a loader;
 //  - an archive of another library version than the ones this Boost writes.
-// Each refusal is an archive_exception-free std::runtime_error naming the problem.
+// Each refusal is an archive_exception-free std::runtime_error naming the problem. What a failed
+// load made is freed: the object of a pointer whose load threw, and the object of an inner pointer
+// to an abstract class that Boost loaded and then could not convert (such inner pointers are read
+// through smart-pointer helpers, whose raw pointer no object holds yet).
 //
 // Use it through PolymorphicGuardedIArchive (classes are instantiated for the polymorphic
 // archive), over a GuardedIArchive::Buffer holding the bytes. One archive per thread; it reads
 // the buffer it was given and keeps no global state.
 #include <boost/archive/binary_iarchive_impl.hpp>
 #include <boost/archive/detail/polymorphic_iarchive_route.hpp>
+#include <boost/serialization/extended_type_info.hpp>
 
 #include <cstdint>
 #include <istream>
@@ -40,6 +47,11 @@ public:
     };
 
     explicit GuardedIArchive(std::istream& is, unsigned int flags = 0);
+
+    // The class the outermost pointer read must be a kind of.
+    void expectPointerTo(boost::serialization::extended_type_info const& type) {
+        expectedOuter_ = &type;
+    }
 
     typedef boost::archive::binary_iarchive_impl<GuardedIArchive, char, std::char_traits<char>>
         Base;
@@ -83,13 +95,26 @@ private:
         boost::archive::detail::basic_pointer_iserializer const* bpis;
         Finder finder;
         bool newClassNamed; // a new class id was read; its name comes next
+        bool classChecked;  // the class named was checked against the pointer's
         // The object Boost made for the pointer, once its load began: destroyed if the load
         // fails, since Boost would leave it (and all it holds) behind.
         void* object;
         boost::archive::detail::basic_iserializer const* objectType;
     };
 
+    // Refuses a class for the pointer being loaded that the pointer cannot hold.
+    void checkClass(PointerLoad& load, boost::serialization::extended_type_info const& type);
+
+    // An object loaded for an inner pointer whose class the archive could not check: until the
+    // next object or pointer is read, Boost may still fail to convert the pointer and drop it.
+    struct Unclaimed {
+        void* object = nullptr;
+        boost::archive::detail::basic_iserializer const* type = nullptr;
+    };
+
     Buffer* buffer_;
+    boost::serialization::extended_type_info const* expectedOuter_ = nullptr;
+    Unclaimed unclaimed_;
     // Adds a class Boost registers; false if it was registered already.
     bool known(boost::archive::detail::basic_iserializer const* bis);
 
