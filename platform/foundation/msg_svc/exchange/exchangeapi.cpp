@@ -146,10 +146,10 @@ public:
     bool isDeliveryThread() const { return tlsDeliveringFor == this; }
 
     // TransportSink
-    void receiveFrame(std::string const& from, std::string const& bytes) override {
+    void receiveFrame(std::string const& from, char const* bytes, std::size_t size) override {
         wire::FrameView frame;
         try {
-            frame = wire::viewFrame(bytes);
+            frame = wire::viewFrame(bytes, size);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped a malformed frame from " << from << ": " << e.what();

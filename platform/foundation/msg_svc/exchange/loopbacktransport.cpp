@@ -59,7 +59,9 @@ public:
                     DeliveryError("no exchange named '" + to + "' in this process"));
         }
         lane_.post([this, from, to, frame] {
-            if (!call(to, [&](TransportSink& s) { s.receiveFrame(from, frame); })) {
+            if (!call(to, [&](TransportSink& s) {
+                    s.receiveFrame(from, frame.data(), frame.size());
+                })) {
                 // The receiver went away after the send: tell the sender.
                 auto e = boost::copy_exception(DeliveryError("exchange '" + to + "' stopped"));
                 call(from, [&](TransportSink& s) { s.peerFailed(to, e); });

@@ -11,6 +11,7 @@
 #include <boost/exception_ptr.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 
@@ -28,8 +29,9 @@ public:
 class TransportSink {
 public:
     virtual ~TransportSink();
-    // A frame sent to this exchange by the exchange named `from`.
-    virtual void receiveFrame(std::string const& from, std::string const& frame) = 0;
+    // A frame sent to this exchange by the exchange named `from`; the bytes are the caller's and
+    // valid for the call only.
+    virtual void receiveFrame(std::string const& from, char const* frame, std::size_t size) = 0;
     // The exchange named `peer` failed or went away; `cause` says why.
     virtual void peerFailed(std::string const& peer, boost::exception_ptr const& cause) = 0;
 };

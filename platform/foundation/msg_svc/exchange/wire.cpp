@@ -28,10 +28,11 @@ void putU64(std::string& out, std::uint64_t v) {
 }
 
 struct Reader {
-    std::string const& bytes;
+    char const* bytes;
+    std::size_t size;
     std::size_t pos = 0;
     void need(std::size_t n) const {
-        if (bytes.size() - pos < n)
+        if (size - pos < n)
             throw std::runtime_error("truncated frame");
     }
     std::uint64_t uint(int width) {
@@ -44,7 +45,7 @@ struct Reader {
     }
     std::string str(std::size_t n) {
         need(n);
-        std::string s = bytes.substr(pos, n);
+        std::string s(bytes + pos, n);
         pos += n;
         return s;
     }
@@ -152,7 +153,11 @@ Frame decodeFrame(std::string const& bytes) {
 }
 
 FrameView viewFrame(std::string const& bytes) {
-    Reader r{bytes};
+    return viewFrame(bytes.data(), bytes.size());
+}
+
+FrameView viewFrame(char const* bytes, std::size_t size) {
+    Reader r{bytes, size};
     FrameView f;
     auto kind = r.uint(1);
     if (kind < 1 || kind > 4)
@@ -162,8 +167,8 @@ FrameView viewFrame(std::string const& bytes) {
     f.queue = r.str(static_cast<std::size_t>(r.uint(4)));
     f.payloadSize = static_cast<std::size_t>(r.uint(4));
     r.need(f.payloadSize);
-    f.payload = bytes.data() + r.pos;
-    if (r.pos + f.payloadSize != bytes.size())
+    f.payload = bytes + r.pos;
+    if (r.pos + f.payloadSize != size)
         throw std::runtime_error("trailing bytes after frame");
     return f;
 }

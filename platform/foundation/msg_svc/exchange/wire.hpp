@@ -39,6 +39,7 @@ struct FrameView {
     std::size_t payloadSize = 0;
 };
 FrameView viewFrame(std::string const& bytes);
+FrameView viewFrame(char const* bytes, std::size_t size);
 
 // A whole frame holding the archive of a message or reply, written in one buffer (no copies of
 // the payload).

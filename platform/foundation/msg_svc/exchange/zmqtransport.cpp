@@ -261,7 +261,10 @@ public:
             closeAll();
             throw;
         }
-        started_ = true;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            started_ = true;
+        }
         thread_ = std::thread([this] { run(); });
     }
 
@@ -270,6 +273,9 @@ public:
         sendOwned(to, std::move(copy));
     }
 
+    // The calling thread hands the frame to the peer's socket itself (under the socket lock),
+    // so that a frame does not wait for the I/O thread to wake up. Only what the I/O thread must
+    // act on (a new connection to poll, a failure to report, input the send has seen) wakes it.
     void sendOwned(std::string const& to, std::string&& frame) override {
         if (static_cast<std::int64_t>(frame.size()) > options_.maxFrameSize)
             boost::throw_exception(FrameRefused(
@@ -277,19 +283,27 @@ public:
                 std::to_string(options_.maxFrameSize) + " bytes for exchange '" + to + "'"));
         if (frame.empty())
             boost::throw_exception(FrameRefused("an empty frame cannot be sent"));
+        bool wakeLoop;
         {
-            std::lock_guard<std::mutex> lock(queueMutex_);
+            std::lock_guard<std::mutex> lock(mutex_);
             if (!started_ || stopping_)
                 boost::throw_exception(
                     DeliveryError("the transport of exchange '" + name_ + "' is stopped"));
-            outgoing_.push_back(Outgoing{to, std::move(frame)});
+            std::size_t const peersBefore = peers_.size();
+            Peer* used = dispatch(to, std::move(frame));
+            // Any operation on a socket may consume the signal of input that arrived meanwhile:
+            // the I/O thread would not see it on the socket's descriptor.
+            wakeLoop = !failed_.empty() || peers_.size() != peersBefore ||
+                       (used && (used->failure || hasInput(used->dealer))) ||
+                       (!used && router_ && hasInput(router_));
         }
-        wake();
+        if (wakeLoop)
+            wake();
     }
 
     void stop() override {
         {
-            std::lock_guard<std::mutex> lock(queueMutex_);
+            std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_)
                 return;
             stopping_ = true;
@@ -306,6 +320,7 @@ public:
             return;
         }
         thread_.join();
+        std::lock_guard<std::mutex> lock(mutex_);
         closeAll();
     }
 
@@ -315,14 +330,10 @@ public:
     }
 
 private:
-    struct Outgoing {
-        std::string to;
-        std::string frame;
-    };
-
     struct Peer {
         std::string name;
         zmq::socket_t dealer;
+        int dealerFd = -1; // signals that the dealer may have changed state
         zmq::socket_t monitor;
         bool ready = false;
         Clock::time_point deadline;
@@ -384,6 +395,7 @@ private:
             ensurePrivateDirectory(parentOf(path));
             endpoint = "ipc://" + path;
         }
+        routerFd_ = router_.get(zmq::sockopt::fd);
         routerMonitor_ = monitorOf(
             router_, ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL |
                          ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH);
@@ -443,6 +455,7 @@ private:
         } catch (zmq::error_t const& e) {
             throw DeliveryError("cannot connect to exchange '" + peerName + "': " + e.what());
         }
+        peer->dealerFd = peer->dealer.get(zmq::sockopt::fd);
         peer->deadline = Clock::now() + options_.connectTimeout;
         Peer& ref = *peer;
         peers_[peerName] = std::move(peer);
@@ -468,38 +481,50 @@ private:
             peer.failure = boost::copy_exception(DeliveryError(why));
     }
 
-    void dispatch(Outgoing& out) {
-        auto it = peers_.find(out.to);
+    // Sends a frame to `to` (the caller holds mutex_); returns the peer whose dealer it used, or
+    // null if it went through the ROUTER or nowhere.
+    Peer* dispatch(std::string const& to, std::string&& frame) {
+        auto it = peers_.find(to);
         if (it != peers_.end()) {
-            // A failed peer's frames are dropped: its failure is reported this turn.
-            if (!it->second->failure && !it->second->dealer.send(toMessage(std::move(out.frame)),
-                                                                 zmq::send_flags::dontwait))
-                failPeer(*it->second, "exchange '" + out.to + "' does not take frames");
-            return;
+            // A failed peer's frames are dropped: its failure is reported by the I/O thread.
+            if (!it->second->failure &&
+                !it->second->dealer.send(toMessage(std::move(frame)), zmq::send_flags::dontwait))
+                failPeer(*it->second, "exchange '" + to + "' does not take frames");
+            return it->second.get();
         }
-        if (router_ && inbound_.count(out.to)) {
-            if (routeBack(out.to, toMessage(std::move(out.frame))))
-                return;
-            inbound_.erase(out.to);
-            fail(out.to, "exchange '" + out.to + "' went away");
-            return;
+        if (router_ && inbound_.count(to)) {
+            if (routeBack(to, toMessage(std::move(frame))))
+                return nullptr;
+            inbound_.erase(to);
+            fail(to, "exchange '" + to + "' went away");
+            return nullptr;
         }
-        if (!isZmqEndpoint(out.to)) {
-            fail(out.to, "no route to exchange '" + out.to +
-                             "': it is not connected and its name is not an endpoint");
-            return;
+        if (!isZmqEndpoint(to)) {
+            fail(to, "no route to exchange '" + to +
+                         "': it is not connected and its name is not an endpoint");
+            return nullptr;
         }
         try {
-            Peer& peer = connect(out.to);
-            if (!peer.dealer.send(toMessage(std::move(out.frame)), zmq::send_flags::dontwait))
-                failPeer(peer, "exchange '" + out.to + "' does not take frames");
+            Peer& peer = connect(to);
+            if (!peer.dealer.send(toMessage(std::move(frame)), zmq::send_flags::dontwait))
+                failPeer(peer, "exchange '" + to + "' does not take frames");
+            return &peer;
         } catch (std::exception const& e) {
-            auto p = peers_.find(out.to);
+            auto p = peers_.find(to);
             if (p != peers_.end())
                 peers_.erase(p);
-            fail(out.to, e.what());
+            fail(to, e.what());
+            return nullptr;
         }
     }
+
+    static bool hasInput(zmq::socket_t& s) { return s.get(zmq::sockopt::events) & ZMQ_POLLIN; }
+
+    // A frame read off a socket, handed to the sink once the socket lock is released.
+    struct Received {
+        std::string from;
+        zmq::message_t body;
+    };
 
     // Sends through the ROUTER to a peer that connected to us; false if it is gone.
     bool routeBack(std::string const& to, zmq::message_t&& msg) {
@@ -531,11 +556,12 @@ private:
         return ok && parts.size() == want;
     }
 
-    void readRouter() {
+    // Reads up to a turn's worth of frames; true if more are waiting.
+    bool readRouter(std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64; ++i) {
-            if (!(router_.get(zmq::sockopt::events) & ZMQ_POLLIN))
-                return;
+            if (!hasInput(router_))
+                return false;
             if (!readParts(router_, parts, 2)) {
                 ZN_LOG(logger(), log::error) << name_ << ": dropped a malformed message";
                 continue;
@@ -544,16 +570,16 @@ private:
             inbound_.insert(from);
             if (parts[1].size() == 0)
                 continue; // a probe
-            sink_->receiveFrame(
-                from, std::string(static_cast<char const*>(parts[1].data()), parts[1].size()));
+            received.push_back(Received{std::move(from), std::move(parts[1])});
         }
+        return hasInput(router_);
     }
 
-    void readDealer(Peer& peer) {
+    bool readDealer(Peer& peer, std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64 && !peer.failure; ++i) {
-            if (!(peer.dealer.get(zmq::sockopt::events) & ZMQ_POLLIN))
-                return;
+            if (!hasInput(peer.dealer))
+                return false;
             if (!readParts(peer.dealer, parts, 1)) {
                 ZN_LOG(logger(), log::error)
                     << name_ << ": dropped a malformed message from " << peer.name;
@@ -561,9 +587,9 @@ private:
             }
             if (parts[0].size() == 0)
                 continue;
-            sink_->receiveFrame(
-                peer.name, std::string(static_cast<char const*>(parts[0].data()), parts[0].size()));
+            received.push_back(Received{peer.name, std::move(parts[0])});
         }
+        return !peer.failure && hasInput(peer.dealer);
     }
 
     // The next monitor event, or 0.
@@ -638,60 +664,75 @@ private:
         return std::max<long>(0, static_cast<long>(ms) + 1);
     }
 
+    // The I/O thread. It waits on the descriptors that signal the data sockets (so that other
+    // threads may send on the sockets meanwhile) and on the monitors, then reads under the
+    // socket lock and calls the sink without it.
     void run() {
         std::vector<zmq::pollitem_t> items;
         std::vector<Peer*> order;
-        std::vector<Outgoing> batch;
+        std::vector<Received> received;
+        std::vector<std::pair<std::string, boost::exception_ptr>> failed;
+        bool more = false; // input left on a socket after a turn: do not wait for a signal
         while (true) {
+            long timeoutMs;
             {
-                std::lock_guard<std::mutex> lock(queueMutex_);
+                std::lock_guard<std::mutex> lock(mutex_);
                 if (stopping_)
                     break;
-            }
-            items.clear();
-            order.clear();
-            items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
-            if (router_) {
-                items.push_back({router_.handle(), 0, ZMQ_POLLIN, 0});
-                items.push_back({routerMonitor_.handle(), 0, ZMQ_POLLIN, 0});
-            }
-            for (auto& p : peers_) {
-                order.push_back(p.second.get());
-                items.push_back({p.second->dealer.handle(), 0, ZMQ_POLLIN, 0});
-                items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
+                items.clear();
+                order.clear();
+                items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
+                if (router_) {
+                    items.push_back({nullptr, routerFd_, ZMQ_POLLIN, 0});
+                    items.push_back({routerMonitor_.handle(), 0, ZMQ_POLLIN, 0});
+                }
+                for (auto& p : peers_) {
+                    order.push_back(p.second.get());
+                    items.push_back({nullptr, p.second->dealerFd, ZMQ_POLLIN, 0});
+                    items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
+                }
+                timeoutMs = more ? 0 : nextTimeoutMs(Clock::now());
             }
             try {
-                zmq::poll(items.data(), items.size(),
-                          std::chrono::milliseconds(nextTimeoutMs(Clock::now())));
-                turn(items, order, batch);
+                zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
+                std::lock_guard<std::mutex> lock(mutex_);
+                more = turn(items, order, received);
             } catch (std::exception const& e) {
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
             }
-            reportFailures();
+            for (auto& r : received)
+                sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()), r.body.size());
+            received.clear();
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                dropFailedPeers();
+                failed.swap(failed_);
+            }
+            for (auto& f : failed)
+                sink_->peerFailed(f.first, f.second);
+            failed.clear();
         }
         auto self = std::move(keepAlive_);
-        if (self)
+        if (self) {
+            std::lock_guard<std::mutex> lock(mutex_);
             closeAll();
+        }
     }
 
-    void turn(std::vector<zmq::pollitem_t> const& items, std::vector<Peer*> const& order,
-              std::vector<Outgoing>& batch) {
+    // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.
+    // True if a socket still holds input.
+    bool turn(std::vector<zmq::pollitem_t> const& items, std::vector<Peer*> const& order,
+              std::vector<Received>& received) {
         if (items[0].revents & ZMQ_POLLIN) {
             std::uint64_t n;
             ssize_t r = ::read(wake_, &n, sizeof n);
             (void)r;
         }
-        {
-            std::lock_guard<std::mutex> lock(queueMutex_);
-            batch.swap(outgoing_);
-        }
-        for (auto& out : batch)
-            dispatch(out);
-        batch.clear();
+        bool more = false;
         std::size_t i = 1;
         if (router_) {
-            // Edge-triggered in effect: read whatever is there, the poll flag may be stale.
-            readRouter();
+            // A socket's descriptor only says that something changed: always look.
+            more = readRouter(received);
             if (items[2].revents & ZMQ_POLLIN)
                 readRouterMonitor();
             i = 3;
@@ -699,10 +740,12 @@ private:
         for (Peer* peer : order) {
             if (items[i + 1].revents & ZMQ_POLLIN)
                 readPeerMonitor(*peer);
-            if (!peer->failure)
-                readDealer(*peer);
+            if (!peer->failure && readDealer(*peer, received))
+                more = true;
             i += 2;
         }
+        // Peers connected by senders since the poll began are read next turn (the send woke
+        // the loop).
         auto const now = Clock::now();
         for (auto& p : peers_) {
             if (!p.second->ready && !p.second->failure && now >= p.second->deadline)
@@ -716,9 +759,11 @@ private:
                 probes_.end());
             probeInbound();
         }
+        return more;
     }
 
-    void reportFailures() {
+    // Drops the connections of failed peers, their failures moving to failed_ (under mutex_).
+    void dropFailedPeers() {
         for (auto it = peers_.begin(); it != peers_.end();) {
             if (it->second->failure) {
                 ZN_LOG(logger(), log::warning)
@@ -730,17 +775,11 @@ private:
                 ++it;
             }
         }
-        {
-            std::set<std::string> known = inbound_;
-            for (auto const& p : peers_)
-                known.insert(p.first);
-            std::lock_guard<std::mutex> lock(peersMutex_);
-            known_.swap(known);
-        }
-        auto failed = std::move(failed_);
-        failed_.clear();
-        for (auto& f : failed)
-            sink_->peerFailed(f.first, f.second);
+        std::set<std::string> known = inbound_;
+        for (auto const& p : peers_)
+            known.insert(p.first);
+        std::lock_guard<std::mutex> lock(peersMutex_);
+        known_.swap(known);
     }
 
     void closeAll() {
@@ -762,21 +801,23 @@ private:
     int wake_ = -1;
     bool started_ = false;
     zmq::context_t context_;
-    // Owned by the I/O thread once it runs:
+    boost::shared_ptr<ZmqTransport> keepAlive_;
+
+    // Guards the sockets (ZeroMQ sockets may change threads between calls with a memory barrier
+    // between them, never be used by two at once) and everything below up to peersMutex_.
+    std::mutex mutex_;
     zmq::socket_t router_;
-    zmq::socket_t routerMonitor_;
+    int routerFd_ = -1;
+    zmq::socket_t routerMonitor_; // read by the I/O thread only
     std::map<std::string, std::unique_ptr<Peer>> peers_;
     std::set<std::string> inbound_; // peers that connected to the ROUTER
     std::vector<Clock::time_point> probes_;
-    std::vector<std::pair<std::string, boost::exception_ptr>> failed_;
-    boost::shared_ptr<ZmqTransport> keepAlive_;
+    std::vector<std::pair<std::string, boost::exception_ptr>> failed_; // reported by the loop
+    bool stopping_ = false;
 
     mutable std::mutex peersMutex_; // guards known_
     std::set<std::string> known_;   // a copy of the peers for other threads
 
-    std::mutex queueMutex_; // guards outgoing_, stopping_
-    std::vector<Outgoing> outgoing_;
-    bool stopping_ = false;
     std::thread thread_;
 };
 

@@ -22,8 +22,10 @@
 // directory only its owner may use. A frame larger than `maxFrameSize` is refused to its sender
 // (FrameRefused, thrown by send) and dropped by the receiver without being read into memory.
 //
-// Threads: one I/O thread per transport owns every socket and calls the sink. send() may be
-// called from any thread; it queues the frame and returns.
+// Threads: send() may be called from any thread; it hands the frame to the peer's socket on the
+// calling thread, under the transport's socket lock, and returns. One I/O thread per transport
+// connects, watches the sockets and their monitors, reads what arrives and calls the sink (never
+// under the socket lock).
 #include <foundation/msg_svc/exchange/transport.hpp>
 
 #include <chrono>
