@@ -283,7 +283,6 @@ public:
                 std::to_string(options_.maxFrameSize) + " bytes for exchange '" + to + "'"));
         if (frame.empty())
             boost::throw_exception(FrameRefused("an empty frame cannot be sent"));
-        bool wakeLoop;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!started_ || stopping_)
@@ -293,12 +292,11 @@ public:
             Peer* used = dispatch(to, std::move(frame));
             // Any operation on a socket may consume the signal of input that arrived meanwhile:
             // the I/O thread would not see it on the socket's descriptor.
-            wakeLoop = !failed_.empty() || peers_.size() != peersBefore ||
-                       (used && (used->failure || hasInput(used->dealer))) ||
-                       (!used && router_ && hasInput(router_));
+            if (!failed_.empty() || peers_.size() != peersBefore ||
+                (used && (used->failure || hasInput(used->dealer))) ||
+                (!used && router_ && hasInput(router_)))
+                wake(); // under the lock: closeAll may not close the descriptor meanwhile
         }
-        if (wakeLoop)
-            wake();
     }
 
     void stop() override {
@@ -307,12 +305,12 @@ public:
             if (stopping_)
                 return;
             stopping_ = true;
+            if (!thread_.joinable()) {
+                closeAll();
+                return;
+            }
+            wake();
         }
-        if (!thread_.joinable()) {
-            closeAll();
-            return;
-        }
-        wake();
         if (std::this_thread::get_id() == thread_.get_id()) {
             // Called from a sink call: the loop ends after it; keep this alive until then.
             keepAlive_ = shared_from_this();
@@ -341,6 +339,8 @@ private:
     };
 
     void wake() {
+        if (wake_ < 0)
+            return;
         std::uint64_t one = 1;
         ssize_t n = ::write(wake_, &one, sizeof one);
         (void)n; // a full counter still wakes the loop
