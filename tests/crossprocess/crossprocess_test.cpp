@@ -180,18 +180,30 @@ TEST(CrossProcess, MessagesRepliesActorsAndRequestsReachAServerOverIpc) {
     std::mutex m;
     std::vector<int> order;
     std::promise<void> last;
+    std::string firstFailure; // guarded by m
     for (int i = 0; i < 300; ++i) {
         ex->submitWithHandler(
             boost::make_shared<EchoMessage>(i), Address(endpoint, "noqueue"),
             [&, i](boost::shared_ptr<Reply const> const& r) {
                 std::lock_guard<std::mutex> lock(m);
                 order.push_back(boost::dynamic_pointer_cast<EchoReply const>(r)->n);
-                if (i == 299)
+                if (i == 299 && firstFailure.empty())
                     last.set_value();
             },
-            [&](boost::exception_ptr const&) { last.set_value(); });
+            [&](boost::exception_ptr const& e) {
+                // Every message still under way fails with its peer: the first one ends the wait.
+                std::lock_guard<std::mutex> lock(m);
+                if (firstFailure.empty()) {
+                    firstFailure = failureOf([&] { boost::rethrow_exception(e); });
+                    last.set_value();
+                }
+            });
     }
     ASSERT_EQ(last.get_future().wait_for(kPatience), std::future_status::ready);
+    {
+        std::lock_guard<std::mutex> lock(m);
+        EXPECT_EQ(firstFailure, "");
+    }
     std::vector<int> expected(300);
     for (int i = 0; i < 300; ++i)
         expected[i] = i;
