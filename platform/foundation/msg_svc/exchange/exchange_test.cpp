@@ -4,18 +4,23 @@
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/lanes.hpp>
+#include <foundation/msg_svc/exchange/zmqtransport.hpp>
 
 #include <boost/serialization/base_object.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <filesystem>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace foundation::msg_svc;
@@ -350,4 +355,75 @@ TEST(Exchange, UnnamedExchangesMadeAtOnceGetDistinctNames) {
         for (auto const& e : list)
             names.insert(e->getExchangeName());
     EXPECT_EQ(names.size(), made[0].size() + made[1].size());
+}
+
+TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
+    // Senders hand frames to the socket themselves while the I/O thread reads replies from it.
+    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
+    ASSERT_TRUE(::mkdtemp(dirTemplate));
+    std::string const dir = dirTemplate;
+    ExchangeConfig serverConfig;
+    serverConfig.name = "ipc://" + dir + "/server";
+    serverConfig.transport = makeZmqTransport();
+    auto server = ExchangeApi::create(serverConfig);
+    ExchangeConfig clientConfig;
+    clientConfig.name = "zmq-test-client";
+    clientConfig.transport = makeZmqTransport();
+    auto client = ExchangeApi::create(clientConfig);
+
+    constexpr int threads = 4, perThread = 150;
+    std::mutex m;
+    std::condition_variable allIn;
+    std::vector<std::vector<int>> replies(threads); // guarded by m
+    int answered = 0, failed = 0;                   // guarded by m
+    std::promise<void> go;
+    std::shared_future<void> start = go.get_future().share();
+    std::vector<std::thread> senders;
+    for (int t = 0; t < threads; ++t) {
+        senders.emplace_back([&, t] {
+            start.wait();
+            // Even threads on the ordered queue, odd ones on the unordered lane (answered from
+            // the lane's own threads, so in any order).
+            std::string const queue = t % 2 ? Address::SpecializedQueues::unordered()
+                                            : Address::SpecializedQueues::noqueue();
+            for (int i = 0; i < perThread; ++i) {
+                client->submitWithHandler(
+                    boost::make_shared<EchoMessage>(t * 1000 + i),
+                    Address(serverConfig.name, queue),
+                    [&, t](boost::shared_ptr<Reply const> const& r) {
+                        std::lock_guard<std::mutex> lock(m);
+                        replies[t].push_back(
+                            boost::dynamic_pointer_cast<TestReply const>(r)->value);
+                        ++answered;
+                        allIn.notify_all();
+                    },
+                    [&](boost::exception_ptr const&) {
+                        std::lock_guard<std::mutex> lock(m);
+                        ++failed;
+                        allIn.notify_all();
+                    });
+            }
+        });
+    }
+    go.set_value();
+    for (auto& s : senders)
+        s.join();
+    {
+        std::unique_lock<std::mutex> lock(m);
+        ASSERT_TRUE(allIn.wait_for(lock, seconds(30),
+                                   [&] { return answered + failed == threads * perThread; }));
+        EXPECT_EQ(failed, 0);
+        for (int t = 0; t < threads; ++t) {
+            std::vector<int> expected(perThread);
+            for (int i = 0; i < perThread; ++i)
+                expected[i] = (t * 1000 + i) * 10;
+            std::vector<int> got = replies[t];
+            if (t % 2)
+                std::sort(got.begin(), got.end());
+            EXPECT_EQ(got, expected) << "thread " << t;
+        }
+    }
+    client->stop();
+    server->stop();
+    std::filesystem::remove_all(dir);
 }
