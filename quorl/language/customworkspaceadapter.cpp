@@ -129,7 +129,13 @@ HvArrayPtr fromExternal(ext::Array const& x) {
 }
 
 bool CustomWorkspaceAdapter::get(std::string const& name, Value& out) {
-    ext::Array a = client_.getVariable(name.c_str());
+    // The batch form, also for one name: across processes the client then remembers what it
+    // sent, and a value that has not changed since does not travel again.
+    ext::array::VariableInfo info = client_.getVariables({name.c_str()});
+    if (info.size() == 0 || info.getStatus(0) == ext::array::IVariableInfo::StatusAbsent) {
+        return false;
+    }
+    ext::Array a = info.getValue(0);
     if (a.getType() == ext::UNKNOWN) {
         return false;
     }
@@ -144,6 +150,11 @@ void CustomWorkspaceAdapter::set(std::string const& name, Value const& value) {
 }
 
 void CustomWorkspaceAdapter::clear(std::string const& name) {
+    // A provider of a workspace in another process clears only the names it has values of, and
+    // code may clear a variable it never read. Setting an empty value first makes the name known
+    // at the cost of an empty array, so the clear reaches the client in every case.
+    std::vector<ext::Array> empty(1);
+    client_.setVariables({name.c_str()}, std::move(empty));
     client_.clearVariable(name.c_str());
 }
 
