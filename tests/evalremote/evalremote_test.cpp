@@ -3,7 +3,7 @@
 // streamed while the code runs, errors with stack and cause, interrupt, and a server killed in
 // the middle of an evaluation.
 #include <tests/crossprocess/serverprocess.hpp>
-#include <tests/support/textbuffer.hpp>
+#include <tests/evalremote/remoteeval.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
@@ -25,12 +25,8 @@
 
 using namespace crossprocess;
 using namespace foundation::msg_svc::exchange;
-using cmddistributor::CmdDistributor;
-using cmddistributor::EvalCmdRequest;
-using cmddistributor::RuntimeException;
+using namespace quorl_testing;
 using foundation::extdata::Array;
-using quorl::contextmgr::FennID;
-using quorl::workspace::ClientWorkspace;
 
 namespace {
 
@@ -67,68 +63,6 @@ std::unique_ptr<ServerProcess> startServer(std::string const& endpoint) {
     auto p = std::make_unique<ServerProcess>(kServer, args);
     EXPECT_TRUE(p->waitForLine("listening on " + endpoint)) << p->errors();
     return p;
-}
-
-struct Sink {
-    boost::shared_ptr<quorl_testing::TextBuffer> buffer =
-        boost::make_shared<quorl_testing::TextBuffer>();
-    boost::shared_ptr<quorl::io::VeldraSink> sink =
-        boost::make_shared<quorl::io::VeldraSink>(buffer);
-};
-
-// A client of one server context.
-class Remote {
-public:
-    Remote(std::string const& endpoint, int fenn)
-        : distributor_(CmdDistributor::create(
-              FennID{fenn}, endpoint, boost::none,
-              quorl::eventmgr::createRemoteEventMgr(endpoint, boost::none, boost::none))) {}
-
-    CmdDistributor& distributor() { return *distributor_; }
-
-    // Enqueues code, in the server's workspace when `ws` is null.
-    boost::unique_future<void> start(std::u16string const& code, IDType const& id,
-                                     boost::shared_ptr<ClientWorkspace> const& ws = nullptr,
-                                     Sink* out = nullptr, Sink* err = nullptr) {
-        auto request = boost::make_shared<EvalCmdRequest>(
-            true, cmddistributor::UnsetIqmStreamID, ws, out ? out->sink : nullptr,
-            err ? err->sink : nullptr, code, cmddistributor::ConventionalType);
-        return distributor_->enqueueWithFuture(request, id);
-    }
-    void eval(std::u16string const& code, boost::shared_ptr<ClientWorkspace> const& ws = nullptr,
-              Sink* out = nullptr) {
-        auto f = start(code, IDType(), ws, out);
-        finish(f);
-    }
-    static void finish(boost::unique_future<void>& f) {
-        ASSERT_TRUE(f.timed_wait(boost::posix_time::seconds(30))) << "no completion";
-        f.get();
-    }
-    RuntimeException failure(std::u16string const& code) {
-        try {
-            eval(code);
-        } catch (RuntimeException const& e) {
-            return e;
-        }
-        ADD_FAILURE() << "the code ended without an error";
-        return RuntimeException();
-    }
-
-private:
-    boost::shared_ptr<CmdDistributor> distributor_;
-};
-
-int statusOf(boost::unique_future<void>& f) {
-    if (!f.timed_wait(boost::posix_time::seconds(30)))
-        return -3;
-    try {
-        f.get();
-    } catch (RuntimeException const& e) {
-        return static_cast<int>(e.getExecutionStatus());
-    } catch (...) {
-        return -2;
-    }
-    return -1;
 }
 
 // Values kept in the server's workspace between requests, and code run in the client's
