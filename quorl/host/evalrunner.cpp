@@ -3,8 +3,14 @@
 #include <quorl/host/packetinterrupted.hpp>
 
 #include <quorl/cmddistributor/evaliip.hpp>
+#include <quorl/contextmgr/contextregistry.hpp>
 #include <quorl/language/customworkspaceadapter.hpp>
 #include <quorl/language/interpreter.hpp>
+#include <quorl/matrixref/matrixref.hpp>
+#include <quorl/matrixref/refexternalform.hpp>
+#include <quorl/workspace/localvariableprovider.hpp>
+
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
 
 #include <fl/i18n/conversions.hpp>
 
@@ -78,7 +84,46 @@ language::Interpreter& threadInterpreter() {
     return *interpreter;
 }
 
+// Values with no external form of their own, written to a client's workspace in another
+// process, go as references to arrays held here; references coming back resolve to them.
+language::ExternalBorder const& remoteBorder() {
+    static language::ExternalBorder const border = [] {
+        language::ExternalBorder b;
+        b.toExternal = [](hvArray const* value) {
+            HvArrayPtr ref(hvCreateSharedDataCopy(value));
+            if (!matrixref::refIsRef(ref)) {
+                // The client knows this side by the name of its exchange.
+                std::string error;
+                ref = matrixref::refCopyAndConvertArray(
+                    ref,
+                    matrixref::refExchangeTarn(
+                        foundation::msg_svc::exchange::ExchangeApi::instance()->getExchangeName()),
+                    contextmgr::ContextRegistry::getTarnID(), error);
+                if (!ref)
+                    throw language::LanguageError(language::errid::wrongType, error);
+            }
+            // Plain: the conversion's count stands for the client until it releases it.
+            foundation::extdata::Array form = matrixref::refToExternal(ref, false);
+            if (form.getType() == foundation::extdata::UNKNOWN)
+                throw language::LanguageError(language::errid::wrongType,
+                                              "A reference to nothing cannot be stored.");
+            return form;
+        };
+        b.fromExternal = [](foundation::extdata::Array const& value) {
+            return matrixref::refIsExternalRef(value) ? matrixref::refFromExternal(value)
+                                                      : HvArrayPtr();
+        };
+        return b;
+    }();
+    return border;
+}
+
 } // namespace
+
+EvalRunner::EvalRunner() {
+    // The reference table's metrics, for code and for those who watch the host's references.
+    language::registerHostFunction("refMetrics", &matrixref::detail::refMetrics);
+}
 
 RuntimeException EvalRunner::toRuntimeException(language::LanguageError const& e) {
     std::vector<RuntimeException::StackFrame> frames;
@@ -115,7 +160,9 @@ boost::shared_ptr<IIPCompletedEvent> EvalRunner::run(PacketExecution& execution)
     language::Interpreter& interpreter = threadInterpreter();
     try {
         if (auto client = packet->getExternalWorkspace()) {
-            language::CustomWorkspaceAdapter workspace(*client);
+            bool const remote =
+                boost::dynamic_pointer_cast<workspace::LocalVariableProvider>(client) != nullptr;
+            language::CustomWorkspaceAdapter workspace(*client, remote ? &remoteBorder() : nullptr);
             interpreter.evaluate(code, workspace, io);
         } else {
             interpreter.evaluate(code, io);

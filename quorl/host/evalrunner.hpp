@@ -6,7 +6,9 @@
 // packet's sinks as the code produces it; a cancel with interrupt ends the evaluation at its next
 // statement (PacketInterrupted, status 4); an error of the language completes the packet with a
 // RuntimeException of status 2 holding its message, identifier, call stack (innermost first)
-// and causes.
+// and causes. Code run in a client's workspace in another process may store values that have no
+// external form (objects, function handles): the client gets references to them, which resolve
+// to the very arrays here when they come back.
 //
 // Ownership and threads: one runner serves every interpreter thread. The language interpreter,
 // with its own workspace, belongs to the interpreter thread that made it (one per thread, so one
@@ -22,6 +24,10 @@ namespace host {
 
 class EvalRunner : public PacketRunner {
 public:
+    // Makes the reference table's metrics callable from code: refMetrics('ActiveRefCount'), the
+    // number of entries, and refMetrics('TotalRefCount'), the sum of their counts.
+    EvalRunner();
+
     boost::shared_ptr<::cmddistributor::IIPCompletedEvent> run(PacketExecution& execution) override;
 
     // The RuntimeException form of an error of the language (status 2), causes included.

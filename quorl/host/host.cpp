@@ -7,7 +7,11 @@
 #include <quorl/cmddistributor/iipenqueuemessage.hpp>
 #include <quorl/cmddistributor/iiprunnowmessage.hpp>
 #include <quorl/contextmgr/contextregistry.hpp>
+#include <quorl/matrixref/matrixref.hpp>
+#include <quorl/matrixref/matrixrefservice.hpp>
 #include <quorl/utils/fennmutex.hpp>
+
+#include <foundation/cppmicroservices/framework.hpp>
 
 #include <foundation/msg_svc/exchange/address.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
@@ -78,6 +82,24 @@ std::vector<std::shared_ptr<Interpreter>> allInterpreters() {
     return all;
 }
 
+bool anyArrayConverts(hvArray_tag const*) {
+    return true;
+}
+
+// What peers of the process's exchange rely on: the data-array bundles (client workspaces travel
+// as external arrays), the reference table, and its release service ("TarnServer") on the
+// exchange, so that references handed out here are freed when a peer's last copy dies.
+void prepareExchange() {
+    foundation::cppmicroservices::startFramework();
+    matrixref::detail::refInitMatrixReferences({}, &anyArrayConverts);
+    try {
+        matrixref::MatrixRefService::registerWith(
+            *foundation::msg_svc::exchange::ExchangeApi::instance());
+    } catch (std::invalid_argument const&) {
+        // The hosting program registered a service of its own.
+    }
+}
+
 } // namespace
 
 void Host::start(HostOptions const& options) {
@@ -86,6 +108,7 @@ void Host::start(HostOptions const& options) {
         ::cmddistributor::setDeliverFuncPtr(&Host::deliver);
         ::cmddistributor::setCancelFuncPtr(&Host::cancel);
         ::cmddistributor::setRunNowFuncPtr(&Host::runNow);
+        prepareExchange();
     });
     // The last caller wins for this one: install it at every start.
     ::cmddistributor::setIsRunNowThreadFuncPtr(&Host::isRunNowThread);

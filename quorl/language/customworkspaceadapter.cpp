@@ -30,7 +30,7 @@ std::vector<std::size_t> dimsOf(const hvArray* a) {
 
 } // namespace
 
-ext::Array toExternal(const hvArray* a) {
+ext::Array toExternal(const hvArray* a, ExternalBorder const* border) {
     if (a == nullptr) {
         return ext::Array::createZeros(ext::DOUBLE, {0, 0});
     }
@@ -46,7 +46,7 @@ ext::Array toExternal(const hvArray* a) {
     if (c == hvCELL_CLASS) {
         std::vector<ext::Array> e;
         for (std::size_t i = 0; i < n; ++i) {
-            e.push_back(toExternal(hvGetCell(a, i)));
+            e.push_back(toExternal(hvGetCell(a, i), border));
         }
         return ext::Array::createCell(d, std::move(e));
     }
@@ -59,7 +59,7 @@ ext::Array toExternal(const hvArray* a) {
         std::vector<ext::Array> values;
         for (std::size_t i = 0; i < n; ++i) {
             for (std::size_t f = 0; f < nf; ++f) {
-                values.push_back(toExternal(hvGetFieldByNumber(a, i, f)));
+                values.push_back(toExternal(hvGetFieldByNumber(a, i, f), border));
             }
         }
         return ext::Array::createStruct(d, std::move(names), std::move(values));
@@ -71,11 +71,19 @@ ext::Array toExternal(const hvArray* a) {
         }
         return ext::Array::createString(d, std::move(s));
     }
+    if (border != nullptr && border->toExternal) {
+        return border->toExternal(a);
+    }
     throw LanguageError(errid::wrongType, std::string("Values of class ") + hvGetClassName(a) +
                                               " cannot be stored in a client workspace.");
 }
 
-HvArrayPtr fromExternal(ext::Array const& x) {
+HvArrayPtr fromExternal(ext::Array const& x, ExternalBorder const* border) {
+    if (border != nullptr && border->fromExternal) {
+        if (HvArrayPtr special = border->fromExternal(x)) {
+            return special;
+        }
+    }
     ext::ArrayType t = x.getType();
     std::vector<std::size_t> d = x.getDimensions();
     std::size_t n = x.getNumberOfElements();
@@ -94,7 +102,7 @@ HvArrayPtr fromExternal(ext::Array const& x) {
     case ext::CELL: {
         HvArrayPtr a(hvCreateCellArray(d.size(), d.data()));
         for (std::size_t i = 0; i < n; ++i) {
-            hvSetCell(a.get(), i, fromExternal(x.getCell(i)).release());
+            hvSetCell(a.get(), i, fromExternal(x.getCell(i), border).release());
         }
         return a;
     }
@@ -107,7 +115,7 @@ HvArrayPtr fromExternal(ext::Array const& x) {
         HvArrayPtr a(hvCreateStructArray(d.size(), d.data(), np.size(), np.data()));
         for (std::size_t i = 0; i < n; ++i) {
             for (std::size_t f = 0; f < names.size(); ++f) {
-                hvSetFieldByNumber(a.get(), i, f, fromExternal(x.getField(i, f)).release());
+                hvSetFieldByNumber(a.get(), i, f, fromExternal(x.getField(i, f), border).release());
             }
         }
         return a;
@@ -129,21 +137,32 @@ HvArrayPtr fromExternal(ext::Array const& x) {
 }
 
 bool CustomWorkspaceAdapter::get(std::string const& name, Value& out) {
-    ext::Array a = client_.getVariable(name.c_str());
+    // The batch form, also for one name: across processes the client then remembers what it
+    // sent, and a value that has not changed since does not travel again.
+    ext::array::VariableInfo info = client_.getVariables({name.c_str()});
+    if (info.size() == 0 || info.getStatus(0) == ext::array::IVariableInfo::StatusAbsent) {
+        return false;
+    }
+    ext::Array a = info.getValue(0);
     if (a.getType() == ext::UNKNOWN) {
         return false;
     }
-    out = Value::adopt(fromExternal(a).release());
+    out = Value::adopt(fromExternal(a, border_).release());
     return true;
 }
 
 void CustomWorkspaceAdapter::set(std::string const& name, Value const& value) {
     std::vector<ext::Array> values;
-    values.push_back(toExternal(value.hv()));
+    values.push_back(toExternal(value.hv(), border_));
     client_.setVariables({name.c_str()}, std::move(values));
 }
 
 void CustomWorkspaceAdapter::clear(std::string const& name) {
+    // A provider of a workspace in another process clears only the names it has values of, and
+    // code may clear a variable it never read. Setting an empty value first makes the name known
+    // at the cost of an empty array, so the clear reaches the client in every case.
+    std::vector<ext::Array> empty(1);
+    client_.setVariables({name.c_str()}, std::move(empty));
     client_.clearVariable(name.c_str());
 }
 

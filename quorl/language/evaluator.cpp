@@ -6,6 +6,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <sstream>
@@ -383,6 +384,10 @@ std::shared_ptr<Resolution> Evaluator::resolve(std::string const& name, Unit con
         r->builtin = b->second;
         return r;
     }
+    if (HostFunction h = findHostFunction(name)) {
+        r->host = h;
+        return r;
+    }
     return nullptr;
 }
 
@@ -398,7 +403,7 @@ std::shared_ptr<Resolution> Evaluator::resolveCached(Expr const& id, Unit const*
 bool Evaluator::functionExists(std::string const& name, bool& builtin) {
     Unit const* from = stack_.empty() ? nullptr : stack_.back()->unit.get();
     auto r = resolve(name, from);
-    builtin = r && r->builtin != nullptr;
+    builtin = r && (r->builtin != nullptr || r->host != nullptr);
     return r != nullptr;
 }
 
@@ -408,11 +413,36 @@ void Evaluator::callResolved(Resolution const& r, std::string const& name, std::
         r.builtin(*this, args, nargout, out);
         return;
     }
+    if (r.host != nullptr) {
+        callHost(r.host, args, nargout, out);
+        return;
+    }
     std::shared_ptr<Unit const> unit = r.unit.lock();
     if (!unit) {
         throw LanguageError(errid::undefined, "The function '" + name + "' is no longer defined.");
     }
     callUser(*r.def, unit, args, nargout, out);
+}
+
+void Evaluator::callHost(HostFunction f, std::vector<Value>& args, int nargout,
+                         std::vector<Value>& out) {
+    std::vector<HvArrayPtr> in;
+    std::vector<hvArray*> prhs;
+    for (Value const& v : args) {
+        in.push_back(v.toHv());
+        prhs.push_back(in.back().get());
+    }
+    std::size_t const n = static_cast<std::size_t>(std::max(nargout, 1));
+    std::vector<hvArray*> plhs(n, nullptr);
+    f(nargout, plhs.data(), static_cast<int>(prhs.size()), prhs.data());
+    bool gap = false;
+    for (std::size_t i = 0; i < n; ++i) {
+        Value v = Value::adopt(plhs[i]); // outputs after a missing one are dropped
+        gap = gap || !v.defined();
+        if (!gap) {
+            out.push_back(std::move(v));
+        }
+    }
 }
 
 void Evaluator::callByName(std::string const& name, std::vector<Value>& args, int nargout,

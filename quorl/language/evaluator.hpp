@@ -11,6 +11,7 @@
 // flag is read while another thread may write it.
 // Errors: LanguageError (InterruptedError when the flag stops a run).
 #include <quorl/language/ast.hpp>
+#include <quorl/language/interpreter.hpp>
 #include <quorl/language/languageerror.hpp>
 #include <quorl/language/localworkspace.hpp>
 #include <quorl/language/value.hpp>
@@ -34,8 +35,12 @@ class Evaluator;
 typedef void (*Builtin)(Evaluator& ev, std::vector<Value>& args, int nargout,
                         std::vector<Value>& out);
 
+// The host function registered under `name` (registerHostFunction), or null.
+HostFunction findHostFunction(std::string const& name);
+
 struct Resolution {
     Builtin builtin = nullptr;
+    HostFunction host = nullptr;
     // Not owned: trees cache resolutions, and units that call each other must not own each
     // other. The file cache, the run-time definitions or a running frame keep the unit.
     std::weak_ptr<Unit const> unit;
@@ -152,6 +157,7 @@ private:
 
     std::shared_ptr<Resolution> resolve(std::string const& name, Unit const* from);
     std::shared_ptr<Resolution> resolveCached(Expr const& id, Unit const* from);
+    void callHost(HostFunction f, std::vector<Value>& args, int nargout, std::vector<Value>& out);
     void callResolved(Resolution const& r, std::string const& name, std::vector<Value>& args,
                       int nargout, std::vector<Value>& out);
     void callUser(FunctionDef const& def, std::shared_ptr<Unit const> const& unit,

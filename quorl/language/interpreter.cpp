@@ -2,6 +2,9 @@
 
 #include <quorl/language/evaluator.hpp>
 
+#include <map>
+#include <mutex>
+
 namespace quorl {
 namespace language {
 
@@ -13,7 +16,32 @@ Evaluator::Io toIo(EvalIo const& io) {
     r.interrupt = io.interrupt;
     return r;
 }
+struct HostFunctions {
+    std::mutex mutex; // guards functions
+    std::map<std::string, HostFunction> functions;
+};
+
+HostFunctions& hostFunctions() {
+    static HostFunctions* h = new HostFunctions; // used until the process ends
+    return *h;
+}
 } // namespace
+
+void registerHostFunction(std::string const& name, HostFunction function) {
+    HostFunctions& h = hostFunctions();
+    std::lock_guard<std::mutex> lock(h.mutex);
+    if (function)
+        h.functions[name] = function;
+    else
+        h.functions.erase(name);
+}
+
+HostFunction findHostFunction(std::string const& name) {
+    HostFunctions& h = hostFunctions();
+    std::lock_guard<std::mutex> lock(h.mutex);
+    auto it = h.functions.find(name);
+    return it == h.functions.end() ? nullptr : it->second;
+}
 
 Interpreter::Interpreter() : ev_(std::make_unique<Evaluator>()) {}
 Interpreter::~Interpreter() = default;

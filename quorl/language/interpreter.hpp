@@ -41,6 +41,13 @@ struct EvalIo {
     std::atomic<bool> const* interrupt = nullptr;
 };
 
+// A function of the host, callable from code by name: `nlhs` outputs go to plhs as new arrays
+// that the caller takes over (left null for none), `nrhs` borrowed inputs in prhs.
+typedef void (*HostFunction)(int nlhs, hvArray** plhs, int nrhs, hvArray** prhs);
+// Makes `function` callable as `name` in every interpreter of the process (null removes it).
+// Functions defined in code or files and the built-ins come first. Any thread, any time.
+void registerHostFunction(std::string const& name, HostFunction function);
+
 class Interpreter {
 public:
     Interpreter();

@@ -5,6 +5,8 @@
 
 #include <boost/filesystem.hpp>
 
+#include <foundation/extdata/array/variableinfoimpldata.hpp>
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -250,8 +252,20 @@ public:
         auto it = vars.find(name);
         return it == vars.end() ? ext::Array() : it->second;
     }
-    ext::array::VariableInfo getVariables(const std::vector<const char*>&) override {
-        throw std::logic_error("not used");
+    ext::array::VariableInfo getVariables(const std::vector<const char*>& names) override {
+        std::vector<std::string> keys;
+        std::vector<ext::array::IVariableInfo::VariableStatus> statuses;
+        std::vector<ext::Array> values;
+        for (const char* n : names) {
+            keys.push_back(n);
+            auto it = vars.find(n);
+            statuses.push_back(it == vars.end() ? ext::array::IVariableInfo::StatusAbsent
+                                                : ext::array::IVariableInfo::StatusValue);
+            values.push_back(it == vars.end() ? ext::Array() : it->second);
+        }
+        return ext::array::VariableInfo(
+            std::make_shared<veldra::data::detail::VariableInfoImplData>(
+                std::move(keys), std::move(statuses), std::move(values)));
     }
     void setVariables(std::vector<const char*> names, std::vector<ext::Array> values) override {
         for (std::size_t i = 0; i < names.size(); ++i) {

@@ -2,6 +2,8 @@
 
 #include <quorl/workspace/variablessetmessage.hpp>
 
+#include <quorl/matrixref/refexternalform.hpp>
+
 #include <quorl/workspace/variableentry.hpp>
 #include <quorl/workspace/workspaceholder.hpp>
 
@@ -42,12 +44,18 @@ VariablesSetMessage::VariablesSetMessage(std::vector<std::string> varNames, std:
 VariablesSetMessage::~VariablesSetMessage() = default;
 
 boost::shared_ptr<Reply const>
-VariablesSetMessage::deliver(foundation::msg_svc::exchange::Routing const&) const {
+VariablesSetMessage::deliver(foundation::msg_svc::exchange::Routing const& routing) const {
     auto workspace = WorkspaceHolder::getStoredClientWorkspace(wsId_);
     if (!workspace)
         return Reply::defaultReply();
     if (opCode_ == VAR_SET) {
-        workspace->setVariables(namePointers(varNames_), data_);
+        // References to the sender's arrays become references counted here, released to the
+        // sender when the workspace's last copy of them dies.
+        std::vector<foundation::extdata::Array> data;
+        data.reserve(data_.size());
+        for (auto const& value : data_)
+            data.push_back(matrixref::refAdoptExternal(value, routing.source()));
+        workspace->setVariables(namePointers(varNames_), std::move(data));
     } else if (opCode_ == VAR_CLEAR) {
         for (auto const& n : varNames_)
             workspace->clearVariable(n.c_str());
