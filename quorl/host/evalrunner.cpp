@@ -70,15 +70,14 @@ private:
     ustring pending_;
 };
 
-// The language interpreter of the calling interpreter thread, made at its first eval packet.
-language::Interpreter& threadInterpreter() {
+} // namespace
+
+language::Interpreter& EvalRunner::threadInterpreter() {
     thread_local std::unique_ptr<language::Interpreter> interpreter;
     if (!interpreter)
         interpreter = std::make_unique<language::Interpreter>();
     return *interpreter;
 }
-
-} // namespace
 
 RuntimeException EvalRunner::toRuntimeException(language::LanguageError const& e) {
     std::vector<RuntimeException::StackFrame> frames;
