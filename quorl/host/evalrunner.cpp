@@ -76,14 +76,6 @@ private:
     ustring pending_;
 };
 
-// The language interpreter of the calling interpreter thread, made at its first eval packet.
-language::Interpreter& threadInterpreter() {
-    thread_local std::unique_ptr<language::Interpreter> interpreter;
-    if (!interpreter)
-        interpreter = std::make_unique<language::Interpreter>();
-    return *interpreter;
-}
-
 // Values with no external form of their own, written to a client's workspace in another
 // process, go as references to arrays held here; references coming back resolve to them.
 language::ExternalBorder const& remoteBorder() {
@@ -119,6 +111,13 @@ language::ExternalBorder const& remoteBorder() {
 }
 
 } // namespace
+
+language::Interpreter& EvalRunner::threadInterpreter() {
+    thread_local std::unique_ptr<language::Interpreter> interpreter;
+    if (!interpreter)
+        interpreter = std::make_unique<language::Interpreter>();
+    return *interpreter;
+}
 
 EvalRunner::EvalRunner() {
     // The reference table's metrics, for code and for those who watch the host's references.

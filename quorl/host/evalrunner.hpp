@@ -17,6 +17,7 @@
 // not an eval packet.
 #include <quorl/host/packetrunner.hpp>
 
+#include <quorl/language/interpreter.hpp>
 #include <quorl/language/languageerror.hpp>
 
 namespace quorl {
@@ -29,6 +30,11 @@ public:
     EvalRunner();
 
     boost::shared_ptr<::cmddistributor::IIPCompletedEvent> run(PacketExecution& execution) override;
+
+    // The language interpreter of the calling interpreter thread, made on first use; eval and
+    // function-call packets of a context share it, so functions defined by one are seen by the
+    // other.
+    static language::Interpreter& threadInterpreter();
 
     // The RuntimeException form of an error of the language (status 2), causes included.
     static ::cmddistributor::RuntimeException toRuntimeException(language::LanguageError const& e);

@@ -1,4 +1,5 @@
 #include <quorl/host/evalrunner.hpp>
+#include <quorl/host/fevalrunner.hpp>
 #include <quorl/host/host.hpp>
 #include <quorl/host/packagedtaskrunner.hpp>
 
@@ -46,6 +47,7 @@ HostState& state() {
         auto eval = boost::make_shared<EvalRunner>();
         made->runners["user eval"] = eval;
         made->runners["internal eval"] = eval;
+        made->runners["cmddistributor::feval_plugin"] = boost::make_shared<FEvalRunner>();
         return made;
     }();
     return *s;

@@ -1,0 +1,18 @@
+// quorl-server for the function-call tests: the reference host, with matrix references and
+// external strings set up before it starts, so that results which cannot travel by value go back
+// as references and strings as portable strings, and with the plug-in framework started for the
+// data-array serializer.
+#include <tools/server/serverapp.hpp>
+
+#include <foundation/cppmicroservices/framework.hpp>
+#include <quorl/extstring/extstring.hpp>
+#include <quorl/matrixref/matrixref.hpp>
+
+int main(int argc, char** argv) {
+    return quorl::server::runServer(argc, argv, [] {
+        quorl::matrixref::detail::refInitMatrixReferences({},
+                                                          [](hvArray_tag const*) { return true; });
+        quorl::extstring::extstrInitExtString();
+        foundation::cppmicroservices::startFramework(); // for EDI arguments and results
+    });
+}

@@ -1,0 +1,203 @@
+// The wire forms of function calls that carry EDI values (the data-array plug-in is needed),
+// and the completion event's save and load mapping alternative by alternative.
+#include <tests/support/archivetesting.hpp>
+
+#include <quorl/cmddistributor/fevalcmdrequest.hpp>
+
+#include <foundation/cppmicroservices/framework.hpp>
+
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+
+using namespace cmddistributor;
+using foundation::extdata::Array;
+using foundation::msg_svc::eventmgr::BaseEvent;
+using foundation::msg_svc::exchange::IDType;
+using quorl::cmddistributor::EDIDataWrapper;
+using quorl::contextmgr::TarnID;
+using quorl_testing::Family;
+
+namespace {
+
+// The plug-in framework at the installation root, where the build puts the data-array plug-in.
+void useInstalledPlugins() {
+    if (!foundation::cppmicroservices::getFramework())
+        foundation::cppmicroservices::startFramework();
+}
+
+template <class T> boost::shared_ptr<T> roundTrip(Family f, T const& e) {
+    BaseEvent const* p = &e;
+    BaseEvent* back = nullptr;
+    quorl_testing::read(f, quorl_testing::write(f, p), back);
+    return boost::dynamic_pointer_cast<T>(boost::shared_ptr<BaseEvent>(back));
+}
+
+std::vector<Array> ediSample() {
+    return {Array::createScalar(2.5), Array::createChar(u"caf\u00e9"),
+            Array::createCell({1, 2}, {Array::createScalar(1.0), Array::createChar(u"x")})};
+}
+
+} // namespace
+
+TEST(EDIDataWrapper, CopiesItsVectorAndRoundTripsAsAPayloadList) {
+    useInstalledPlugins();
+    EDIDataWrapper empty;
+    ASSERT_TRUE(empty.getData());
+    EXPECT_TRUE(empty.getData()->empty());
+    auto values = ediSample();
+    EDIDataWrapper w(values);
+    EDIDataWrapper copy(w);
+    EXPECT_NE(copy.getData().get(), w.getData().get());
+    EXPECT_EQ(*copy.getData(), values);
+    for (Family f : quorl_testing::allFamilies()) {
+        EDIDataWrapper back;
+        quorl_testing::read(f, quorl_testing::write(f, w), back);
+        EXPECT_EQ(*back.getData(), values) << quorl_testing::familyName(f);
+    }
+    EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, w)),
+              (std::vector<std::string>{"object", "NoOfElement", "PayLoadLength", "PayLoadLength",
+                                        "PayLoadLength"}));
+}
+
+TEST(FEvalCompletedEvent, SavesEachAlternativeByTheWireMappingAndClonesIndependently) {
+    useInstalledPlugins();
+    IDType id;
+    FEvalCompletedEvent::Bytes bytes{{1, 2, 3}, {}};
+    FEvalCompletedEvent byBytes(id, bytes);
+    FEvalCompletedEvent byEdi(id, ediSample());
+    // A null id: the base lets an event of a packet that never crossed be saved only then.
+    FEvalCompletedEvent inMemory(IDType(0, 0), boost::any(42));
+    FEvalCompletedEvent moved(IDType(0, 0), boost::any(7));
+    moved.takeResults();
+    EXPECT_EQ(moved.getResultsForm(), FEvalCompletedEvent::AlreadyMoved);
+    EXPECT_FALSE(moved.canBeSerialized());
+    EXPECT_TRUE(inMemory.canBeSerialized());
+
+    for (Family f : quorl_testing::allFamilies()) {
+        SCOPED_TRACE(quorl_testing::familyName(f));
+        auto b = roundTrip(f, byBytes);
+        ASSERT_TRUE(b);
+        EXPECT_EQ(b->getIdOfChangedIIP(), id);
+        auto taken = b->takeResults();
+        EXPECT_EQ(boost::get<FEvalCompletedEvent::Bytes>(taken), bytes);
+        EXPECT_EQ(byBytes.getResultsForm(), FEvalCompletedEvent::SerializedBytes);
+
+        auto e = roundTrip(f, byEdi);
+        ASSERT_TRUE(e);
+        auto ediTaken = e->takeResults();
+        EXPECT_EQ(*boost::get<FEvalCompletedEvent::DataArrays>(ediTaken), ediSample());
+        EXPECT_EQ(e->getResultsForm(), FEvalCompletedEvent::AlreadyMoved);
+
+        for (FEvalCompletedEvent const* lost : {&inMemory, &moved}) {
+            auto m = roundTrip(f, *lost);
+            ASSERT_TRUE(m);
+            EXPECT_EQ(m->getResultsForm(), FEvalCompletedEvent::AlreadyMoved);
+            EXPECT_FALSE(m->canBeSerialized());
+        }
+    }
+    // Saving swaps the data out and back: the event still holds it.
+    auto still = byEdi.takeResults();
+    EXPECT_EQ(*boost::get<FEvalCompletedEvent::DataArrays>(still), ediSample());
+
+    // The base under its pair name first, the results after the base's last field.
+    auto names = quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, byBytes));
+    ASSERT_GE(names.size(), 5u);
+    EXPECT_EQ(names[1], "IIPCompletedEvent");
+    EXPECT_EQ(names[2], "IIPEvent");
+    auto results = std::find(names.begin(), names.end(), "results");
+    ASSERT_NE(results, names.end());
+    EXPECT_EQ(std::vector<std::string>(results, results + 3),
+              (std::vector<std::string>{"results", "which", "value"}));
+    EXPECT_LT(std::find(names.begin(), names.end(), "exception"), results);
+
+    FEvalCompletedEvent ediAgain(id, ediSample());
+    std::unique_ptr<BaseEvent> clone(ediAgain.clone());
+    auto& cloned = dynamic_cast<FEvalCompletedEvent&>(*clone);
+    auto first = ediAgain.takeResults();
+    auto second = cloned.takeResults();
+    EXPECT_NE(boost::get<FEvalCompletedEvent::DataArrays>(first).get(),
+              boost::get<FEvalCompletedEvent::DataArrays>(second).get());
+    std::unique_ptr<BaseEvent> movedClone(moved.clone());
+    EXPECT_FALSE(movedClone->canBeSerialized());
+    std::unique_ptr<BaseEvent> anyClone(inMemory.clone());
+    EXPECT_EQ(boost::any_cast<int>(boost::get<boost::any>(
+                  dynamic_cast<FEvalCompletedEvent&>(*anyClone).takeResults())),
+              42);
+
+    std::ostringstream text;
+    FEvalCompletedEvent(id, boost::any()).fillStream(text);
+    std::string const tail = "EXECUTION_STATUS 0\ntypeid: void\n";
+    ASSERT_GE(text.str().size(), tail.size());
+    EXPECT_EQ(text.str().substr(text.str().size() - tail.size()), tail);
+}
+
+TEST(FEvalIIP, EdiArgumentsTravelAsPayloadsAndServerDataCopiesTheWrapper) {
+    useInstalledPlugins();
+    auto data = boost::make_shared<FEvalOpaqueData<std::vector<Array>, const std::vector<Array>>>(
+        ediSample());
+    FEvalIIP client("f", 1, data, UnsetIqmStreamID, nullptr, nullptr, TarnID{1}, TarnID{2});
+    EXPECT_TRUE(client.isOutputConvertedFromEDI());
+    for (Family f : quorl_testing::allFamilies()) {
+        IIP const* p = &client;
+        IIP* raw = nullptr;
+        quorl_testing::read(f, quorl_testing::write(f, p), raw);
+        boost::shared_ptr<IIP> loaded(raw);
+        auto server = boost::dynamic_pointer_cast<FEvalIIP>(loaded);
+        ASSERT_TRUE(server) << quorl_testing::familyName(f);
+        EXPECT_TRUE(server->isOutputConvertedFromEDI());
+        auto in = boost::get<EDIDataWrapper>(server->getInputArguments());
+        EXPECT_EQ(*in.getData(), ediSample()) << quorl_testing::familyName(f);
+    }
+    EDIDataWrapper w(ediSample());
+    auto made = FEvalIIP::Data::makeServerSideData(std::move(w), TarnID{1}, TarnID{2}, true);
+    ASSERT_TRUE(w.getData());
+    EXPECT_EQ(*w.getData(), ediSample()) << "the wrapper is copied, not moved";
+    auto event = made->createEvent(IDType(), ediSample());
+    EXPECT_EQ(event->getResultsForm(), FEvalCompletedEvent::EDIArrays);
+}
+
+// A result the serializer cannot write goes out with an empty payload, reads back as a
+// default-constructed array that ends the list, and the client's adapter reports it. Run in a
+// fresh process, whose plug-in framework holds only the failing serializer.
+TEST(FEvalCompletedEvent, AResultTheSerializerCannotWriteArrivesAsThe2GBError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            namespace fs = boost::filesystem;
+            fs::path root = fs::temp_directory_path() / fs::unique_path("feval-%%%%-%%%%");
+            fs::path folder = root / "bin" / "win64" / "serializer_plugins";
+            fs::create_directories(folder);
+            {
+                std::ofstream manifest((folder / "failing.manifest").string());
+                manifest << "bundle.library=" << FEVAL_FAILING_SERIALIZER
+                         << "\nzn.serialization.for_type=foundation::extdata::Array"
+                            "\nzn.serialization.method=protobuf\n";
+            }
+            foundation::cppmicroservices::startFramework(root);
+            FEvalCompletedEvent sent(IDType(0, 0), std::vector<Array>{Array::createScalar(1.0),
+                                                                      Array::createChar(u"big"),
+                                                                      Array::createScalar(2.0)});
+            auto received = roundTrip(Family::Binary, sent);
+            bool reported = false;
+            if (received) {
+                try {
+                    detail::takeFEvalResults<std::vector<Array>>(*received);
+                } catch (RuntimeException const& e) {
+                    reported = e.GetUnicodeMessageTxt() ==
+                                   u"Error: At least one return argument is larger than 2 GB." &&
+                               e.getExecutionStatus() ==
+                                   quorl::cmddistributor::ExecutionCommunicationError;
+                }
+            }
+            boost::system::error_code ec;
+            fs::remove_all(root, ec);
+            std::exit(reported ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
