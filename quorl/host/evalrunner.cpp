@@ -10,9 +10,12 @@
 
 #include <boost/make_shared.hpp>
 
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <streambuf>
+#include <string>
+#include <vector>
 
 namespace quorl {
 namespace host {
@@ -70,11 +73,26 @@ private:
     ustring pending_;
 };
 
+// The folders of QUORL_PATH (separated by ':'), where function files are looked for.
+std::vector<std::string> searchPathFromEnvironment() {
+    std::vector<std::string> folders;
+    char const* path = std::getenv("QUORL_PATH");
+    for (std::string rest = path ? path : ""; !rest.empty();) {
+        std::size_t const colon = rest.find(':');
+        if (colon != 0)
+            folders.push_back(rest.substr(0, colon));
+        rest = colon == std::string::npos ? std::string() : rest.substr(colon + 1);
+    }
+    return folders;
+}
+
 // The language interpreter of the calling interpreter thread, made at its first eval packet.
 language::Interpreter& threadInterpreter() {
     thread_local std::unique_ptr<language::Interpreter> interpreter;
-    if (!interpreter)
+    if (!interpreter) {
         interpreter = std::make_unique<language::Interpreter>();
+        interpreter->setSearchPath(searchPathFromEnvironment());
+    }
     return *interpreter;
 }
 
