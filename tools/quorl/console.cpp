@@ -73,6 +73,15 @@ private:
     fl::i18n::stream_converter converter_;
 };
 
+// The terminal as the command window's sink: what it shows goes to the diary and the log too.
+class TerminalSink : public io::VeldraSink {
+public:
+    explicit TerminalSink(std::FILE* file)
+        : io::VeldraSink(boost::make_shared<TerminalBuffer>(file)) {}
+    bool useDiary() const override { return true; }
+    bool useLogging() const override { return true; }
+};
+
 std::unique_ptr<std::ofstream> openAppending(std::string const& path, char const* what) {
     auto file = std::make_unique<std::ofstream>(path, std::ios::app | std::ios::binary);
     if (!*file)
@@ -124,8 +133,8 @@ private:
 };
 
 Console::Console() : context_(foundation::usm::Context::create("quorl command window")) {
-    terminalOut_ = boost::make_shared<io::VeldraSink>(boost::make_shared<TerminalBuffer>(stdout));
-    terminalErr_ = boost::make_shared<io::VeldraSink>(boost::make_shared<TerminalBuffer>(stderr));
+    terminalOut_ = boost::make_shared<TerminalSink>(stdout);
+    terminalErr_ = boost::make_shared<TerminalSink>(stderr);
     {
         foundation::usm::ContextScope inside(context_);
         io::CmdWinHostAccess::setCmdWinSink(io::OutputStream, terminalOut_);
