@@ -9,6 +9,8 @@
 
 #include <quorl/utils/processutils.hpp>
 
+#include <foundation/msg_svc/exchange/zmqtransport.hpp>
+
 #include <fl/i18n/conversions.hpp>
 
 #include <CLI/CLI.hpp>
@@ -202,8 +204,10 @@ int runCli(int argc, char** argv) {
     auto* feval =
         app.add_subcommand("feval", "call the function NAME with ARGs and show its result");
     feval->add_option("NAME", choices.function, "function name")->required();
-    feval->add_option("ARG", choices.args,
-                      "arguments, each a literal of the language (2, 'text', [1 2])");
+    // The arguments are taken as they stand, as extras of the command line (CLI11 would read
+    // "[1 2]" given to an option as a list of its own).
+    feval->footer(
+        "ARG...: arguments, each a literal of the language: 2, 'text', [1 2; 3 4], {1, 'a'}");
     auto* repl = app.add_subcommand("repl", "the command window (line editing, history, Ctrl-C)");
     repl->add_option("--diary", choices.diary, "copy the session's text to FILE")
         ->type_name("FILE");
@@ -234,6 +238,7 @@ int runCli(int argc, char** argv) {
         ->type_name("BYTES")
         ->check(CLI::PositiveNumber);
     app.require_subcommand(0, 1);
+    app.allow_extras(); // for feval's arguments; refused below for everything else
 
     try {
         app.parse(argc, argv);
@@ -247,9 +252,16 @@ int runCli(int argc, char** argv) {
         return usageError(e.what());
     }
 
+    if (app.got_subcommand(feval))
+        choices.args = app.remaining();
+    else if (!app.remaining().empty())
+        return usageError("unexpected argument '" + app.remaining().front() + "'");
     if (app.got_subcommand(serve)) {
         if (!choices.session.connect.empty())
             return usageError("serve does not take --connect");
+        if (!foundation::msg_svc::exchange::isZmqEndpoint(choices.server.listen))
+            return usageError("'" + choices.server.listen +
+                              "' is not an ipc:// or tcp:// endpoint");
         return server::serve(choices.server, kProgram);
     }
     if (!choices.session.serverKeyFile.empty() && choices.session.connect.empty())
