@@ -69,14 +69,14 @@ bool readText(std::string const& path, std::string& text) {
     return true;
 }
 
-// Function files are looked for in `folder` first, then on QUORL_PATH, then in the current
-// folder; the embedded interpreter reads the path when it starts.
+// Function files are looked for in `folder` (if any) first, then on QUORL_PATH, then in the
+// current folder; the embedded interpreter reads the path when it starts.
 void putOnSearchPath(std::string const& folder) {
     char const* existing = std::getenv("QUORL_PATH");
     std::string path = folder;
     if (existing && *existing)
-        path += std::string(":") + existing;
-    path += ":.";
+        path += (path.empty() ? "" : ":") + std::string(existing);
+    path += path.empty() ? "." : ":.";
     ::setenv("QUORL_PATH", path.c_str(), 1);
 }
 
@@ -95,14 +95,13 @@ struct Choices {
     std::vector<std::string> args;
     std::string diary, log, history;
     double timeout = 0;
-    bool historySet = false;
     server::ServerOptions server;
 };
 
 // Everything but serve: a session, the console and Ctrl-C, then the subcommand's work.
 int runClient(CLI::App const& app, Choices const& choices) {
     bool const isRepl = app.got_subcommand("repl") || app.get_subcommands().empty();
-    bool const interactive = isRepl && ::isatty(STDIN_FILENO) && ::isatty(STDOUT_FILENO);
+    bool const interactive = isRepl && ::isatty(STDIN_FILENO);
 
     std::string code;
     if (app.got_subcommand("run")) {
@@ -110,14 +109,15 @@ int runClient(CLI::App const& app, Choices const& choices) {
             return usageError("cannot read " + choices.file + ": " + std::strerror(errno));
         if (choices.file != "-")
             putOnSearchPath(folderOf(choices.file));
-    } else if (isRepl && !interactive) {
-        if (!readText("-", code))
+        else
+            putOnSearchPath("");
+    } else {
+        if (isRepl && !interactive && !readText("-", code))
             return usageError("cannot read standard input");
-    } else if (app.got_subcommand("eval")) {
-        code = choices.code;
+        if (app.got_subcommand("eval"))
+            code = choices.code;
+        putOnSearchPath("");
     }
-    if (!std::getenv("QUORL_PATH"))
-        ::setenv("QUORL_PATH", ".", 1);
     std::u16string code16;
     try {
         code16 = fl::i18n::to_ustring(code);
