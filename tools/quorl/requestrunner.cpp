@@ -2,6 +2,8 @@
 
 #include <quorl/cmddistributor/futureexception.hpp>
 
+#include <unistd.h>
+
 namespace quorl {
 namespace cli {
 
@@ -21,7 +23,6 @@ Outcome RequestRunner::run(Start const& start) {
         switch (e.getExecutionStatus()) {
         case quorl::cmddistributor::ExecutionInterrupted:
             outcome = Outcome::Interrupted;
-            console_.message("interrupted");
             break;
         case quorl::cmddistributor::ExecutionCommunicationError:
             outcome = Outcome::Unreachable;
@@ -35,9 +36,12 @@ Outcome RequestRunner::run(Start const& start) {
         }
     } catch (::cmddistributor::AlreadyCancelledException const&) {
         outcome = Outcome::Interrupted;
-        console_.message("interrupted");
     }
-    interrupts_.finish();
+    bool const byCtrlC = interrupts_.finish();
+    if (outcome == Outcome::Interrupted) {
+        // After the ^C a terminal echoes, on a line of its own.
+        console_.message(byCtrlC && ::isatty(STDERR_FILENO) ? "\ninterrupted" : "interrupted");
+    }
     if (outcome != Outcome::Unreachable)
         reached_ = true;
     return outcome;
