@@ -1,5 +1,5 @@
 """The command window under a pseudo-terminal (pexpect): prompt, multi-line blocks, history,
-output while a command runs, Ctrl-C, Ctrl-D, the diary, and a server that dies."""
+output while a command runs, Ctrl-C, Ctrl-D, the diary and log, and a server that dies."""
 import os
 import shutil
 import time
@@ -67,7 +67,9 @@ class CommandWindow(unittest.TestCase):
 
     def test_ctrl_c_interrupts_the_running_command_and_the_session_goes_on(self):
         diary = os.path.join(self.dir, "diary.txt")
-        w = pexpect.spawn(QUORL, ["repl", "--history", self.history, "--diary", diary],
+        log = os.path.join(self.dir, "output.log")
+        w = pexpect.spawn(QUORL, ["repl", "--history", self.history, "--diary", diary,
+                                  "--log", log],
                           encoding="utf-8", timeout=PATIENCE)
         self.windows.append(w)
         w.expect_exact(PROMPT)
@@ -99,6 +101,10 @@ class CommandWindow(unittest.TestCase):
                       "interrupted\n", ">> disp(n * 2)\n10\n", ">> disp('kept')\nkept\n"):
             self.assertIn(piece, text)
         self.assertNotIn("dropped", text)
+        with open(log) as f:
+            text = f.read()
+        self.assertIn(">> disp(n * 2)\n10\n", text)
+        self.assertIn("started\n", text)
 
     def test_a_server_that_dies_is_reported_and_the_window_stays(self):
         server = Server()
