@@ -16,9 +16,12 @@
 
 #include <boost/make_shared.hpp>
 
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <streambuf>
+#include <string>
+#include <vector>
 
 namespace quorl {
 namespace host {
@@ -76,6 +79,19 @@ private:
     ustring pending_;
 };
 
+// The folders of QUORL_PATH (separated by ':'), where function files are looked for.
+std::vector<std::string> searchPathFromEnvironment() {
+    std::vector<std::string> folders;
+    char const* path = std::getenv("QUORL_PATH");
+    for (std::string rest = path ? path : ""; !rest.empty();) {
+        std::size_t const colon = rest.find(':');
+        if (colon != 0)
+            folders.push_back(rest.substr(0, colon));
+        rest = colon == std::string::npos ? std::string() : rest.substr(colon + 1);
+    }
+    return folders;
+}
+
 // Values with no external form of their own, written to a client's workspace in another
 // process, go as references to arrays held here; references coming back resolve to them.
 language::ExternalBorder const& remoteBorder() {
@@ -114,8 +130,10 @@ language::ExternalBorder const& remoteBorder() {
 
 language::Interpreter& EvalRunner::threadInterpreter() {
     thread_local std::unique_ptr<language::Interpreter> interpreter;
-    if (!interpreter)
+    if (!interpreter) {
         interpreter = std::make_unique<language::Interpreter>();
+        interpreter->setSearchPath(searchPathFromEnvironment());
+    }
     return *interpreter;
 }
 

@@ -27,10 +27,18 @@ namespace {
 
 char const* const kProgram = "quorl-server";
 
-int usageError(std::string const& message) {
-    std::cerr << kProgram << ": " << message << "\n"
-              << "Try '" << kProgram << " --help' for more information.\n";
+int usageError(std::string const& program, std::string const& message) {
+    std::cerr << program << ": " << message << "\n"
+              << "Try '" << program << " --help' for more information.\n";
     return ExitUsage;
+}
+
+void blockStopSignals(sigset_t& signals) {
+    // Taken by sigwait; every thread started from here on inherits the mask.
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 void flushAll(std::vector<boost::shared_ptr<eventmgr::EventMgr>> const& managers) {
@@ -45,7 +53,8 @@ void flushAll(std::vector<boost::shared_ptr<eventmgr::EventMgr>> const& managers
 
 // Tells every client in touch with this exchange, and the session here, that the server is
 // going away; waits (bounded by the transport's failure detection) until each has it.
-std::vector<boost::shared_ptr<eventmgr::EventMgr>> publishShutdown(ex::Transport const& transport) {
+std::vector<boost::shared_ptr<eventmgr::EventMgr>> publishShutdown(ex::Transport const& transport,
+                                                                   std::string const& program) {
     eventmgr::createLocalEventMgr(boost::none)
         ->notify<eventmgr::TARNShutdownEvent>(foundation::msg_svc::eventmgr::DeliverQueued);
     std::vector<boost::shared_ptr<eventmgr::EventMgr>> managers;
@@ -56,7 +65,7 @@ std::vector<boost::shared_ptr<eventmgr::EventMgr>> publishShutdown(ex::Transport
                 foundation::msg_svc::eventmgr::DeliverQueued);
             managers.push_back(manager);
         } catch (std::exception const& e) {
-            std::cerr << kProgram << ": could not tell " << peer << " of the shutdown: " << e.what()
+            std::cerr << program << ": could not tell " << peer << " of the shutdown: " << e.what()
                       << "\n";
         }
     }
@@ -67,13 +76,6 @@ std::vector<boost::shared_ptr<eventmgr::EventMgr>> publishShutdown(ex::Transport
 } // namespace
 
 int runServer(int argc, char** argv, std::function<void()> const& beforeStart) {
-    // Taken by sigwait below; every thread started from here on inherits the mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     std::string listen, keyFile, ipcDir;
     std::int64_t maxFrame = 0;
     po::options_description options("Options");
@@ -92,7 +94,7 @@ int runServer(int argc, char** argv, std::function<void()> const& beforeStart) {
         po::store(po::command_line_parser(argc, argv).options(options).run(), vm);
         po::notify(vm);
     } catch (po::error const& e) {
-        return usageError(e.what());
+        return usageError(kProgram, e.what());
     }
     if (vm.count("help")) {
         std::cout
@@ -104,18 +106,34 @@ int runServer(int argc, char** argv, std::function<void()> const& beforeStart) {
                " or QUORL_SERVER_KEY=KEY.\n";
         return ExitOk;
     }
-    if (listen.empty())
-        return usageError("--listen ENDPOINT is required");
-    if (!ex::isZmqEndpoint(listen))
-        return usageError("'" + listen + "' is not an ipc:// or tcp:// endpoint");
     if (vm.count("max-frame-size") && maxFrame <= 0)
-        return usageError("--max-frame-size must be positive");
+        return usageError(kProgram, "--max-frame-size must be positive");
+    ServerOptions parsed;
+    parsed.listen = listen;
+    parsed.keyFile = keyFile;
+    parsed.ipcDirectory = ipcDir;
+    parsed.maxFrameSize = maxFrame;
+    return serve(parsed, kProgram, beforeStart);
+}
+
+int serve(ServerOptions const& options, std::string const& program,
+          std::function<void()> const& beforeStart) {
+    sigset_t signals;
+    blockStopSignals(signals);
+    std::string const& listen = options.listen;
+    std::string const& keyFile = options.keyFile;
+    if (listen.empty())
+        return usageError(program, "--listen ENDPOINT is required");
+    if (!ex::isZmqEndpoint(listen))
+        return usageError(program, "'" + listen + "' is not an ipc:// or tcp:// endpoint");
+    if (options.maxFrameSize < 0)
+        return usageError(program, "--max-frame-size must be positive");
 
     ex::ZmqTransportOptions transportOptions;
     transportOptions.keyFile = keyFile;
-    transportOptions.ipcDirectory = ipcDir;
-    if (maxFrame > 0)
-        transportOptions.maxFrameSize = maxFrame;
+    transportOptions.ipcDirectory = options.ipcDirectory;
+    if (options.maxFrameSize > 0)
+        transportOptions.maxFrameSize = options.maxFrameSize;
     auto transport = ex::makeZmqTransport(transportOptions);
     boost::shared_ptr<ex::ExchangeApi> exchange;
     try {
@@ -128,29 +146,29 @@ int runServer(int argc, char** argv, std::function<void()> const& beforeStart) {
             beforeStart();
         host::Host::start();
     } catch (std::exception const& e) {
-        std::cerr << kProgram << ": cannot serve on " << listen << ": " << e.what() << "\n";
+        std::cerr << program << ": cannot serve on " << listen << ": " << e.what() << "\n";
         return ExitFailure;
     }
 
-    std::cout << kProgram << ": listening on " << listen << std::endl;
+    std::cout << program << ": listening on " << listen << std::endl;
     if (listen.compare(0, 6, "tcp://") == 0)
-        std::cout << kProgram << ": public key in "
+        std::cout << program << ": public key in "
                   << (keyFile.empty() ? ex::defaultKeyFile() : keyFile) << ".pub" << std::endl;
 
     int signal = 0;
     while (sigwait(&signals, &signal) != 0) {
     }
-    std::cout << kProgram << ": " << (signal == SIGINT ? "interrupted" : "terminated")
+    std::cout << program << ": " << (signal == SIGINT ? "interrupted" : "terminated")
               << ", shutting down" << std::endl;
 
     int code = ExitOk;
     try {
-        auto clients = publishShutdown(*transport);
+        auto clients = publishShutdown(*transport, program);
         host::Host::stop();
         flushAll(clients); // the discards of packets still queued are out too
         exchange->stop();
     } catch (std::exception const& e) {
-        std::cerr << kProgram << ": during shutdown: " << e.what() << "\n";
+        std::cerr << program << ": during shutdown: " << e.what() << "\n";
         code = ExitFailure;
     }
     return code;
