@@ -354,7 +354,11 @@ nl::json QuorlInterpreter::execute_request_impl(int execution_counter, std::stri
             if (!silent) {
                 publish_execution_error(outcome.ename, outcome.evalue, outcome.traceback);
             }
-            return xeus::create_error_reply(outcome.ename, outcome.evalue, outcome.traceback);
+            // Built here: xeus 2.4's create_error_reply puts the message under ename.
+            return nl::json{{"status", "error"},
+                            {"ename", outcome.ename},
+                            {"evalue", outcome.evalue},
+                            {"traceback", outcome.traceback}};
         }
         if (part.second == OutputUse::Display && !outcome.display.empty()) {
             std::string text = outcome.display;
@@ -461,7 +465,7 @@ nl::json QuorlInterpreter::kernel_info_request_impl() {
     std::string const banner =
         std::string("quorl ") + quorl_version + " (interpreter: " + session_.where() + ")";
     return xeus::create_info_reply("5.3", "quorl-kernel", quorl_version, "quorl", quorl_version,
-                                   "text/x-quorl", ".qrl", "", "", "", banner);
+                                   "text/x-quorl", ".qrl", "text", "", "", banner);
 }
 
 void QuorlInterpreter::shutdown_request_impl() {
