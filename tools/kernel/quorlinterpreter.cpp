@@ -242,7 +242,11 @@ void QuorlInterpreter::interrupt() {
     interrupted_ = true;
     if (running_) {
         // The answer comes through the request's own future; nothing waits for this one.
-        session_.distributor().cancelRequest(*running_, true);
+        try {
+            session_.distributor().cancelRequest(*running_, true);
+        } catch (std::exception const&) {
+            // The interpreter is out of reach; the request fails on its own.
+        }
     }
 }
 
