@@ -1,6 +1,6 @@
 #include <tools/quorl/commandwindow.hpp>
 
-#include <quorl/language/codecompleteness.hpp>
+#include <quorl/language/codeinspection.hpp>
 
 #include <fl/i18n/conversions.hpp>
 
@@ -97,7 +97,8 @@ int CommandWindow::run() {
         console_.echo(prompt, text);
         command += text;
         command += "\n";
-        if (language::codeCompleteness(command) == language::CodeCompleteness::Incomplete)
+        if (language::CodeInspection::completeness(command) ==
+            language::CodeInspection::Completeness::Incomplete)
             continue;
         std::u16string code16;
         try {

@@ -1,0 +1,104 @@
+#include <quorl/language/codeinspection.hpp>
+
+#include <boost/filesystem.hpp>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+
+namespace {
+
+using quorl::language::CodeInspection;
+typedef CodeInspection::Completeness Completeness;
+namespace fs = boost::filesystem;
+
+class TempDir {
+public:
+    TempDir() : path_(fs::temp_directory_path() / fs::unique_path()) {
+        fs::create_directories(path_);
+    }
+    ~TempDir() {
+        boost::system::error_code ec;
+        fs::remove_all(path_, ec);
+    }
+    std::string str() const { return path_.string(); }
+    void write(std::string const& name, std::string const& text) const {
+        std::ofstream(path_ / name, std::ios::binary) << text;
+    }
+
+private:
+    fs::path path_;
+};
+
+TEST(CodeInspection, CompletenessTellsOpenBlocksFromSyntaxErrors) {
+    for (char const* code : {"x = 1", "", "if true, disp(1), end", "a = [1 2\n3 4]",
+                             "y = x(end) + 1", "% just a comment", "c{end}", "disp('if')",
+                             "disp(\"for while\") % if", "while true, end"}) {
+        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Complete) << code;
+    }
+    for (char const* code : {"for i = 1:3", "if x\n  y = 1;", "while true\n  if a\n  end",
+                             "function r = f(x)\n r = x;\nif r", "try\n  x = 1;\ncatch e",
+                             "m = [1 2", "z = f(1, ...", "s = {1, [2", "%{\nopen comment",
+                             "switch k\n case 1", "while true,", "s = 'it''s'; if s(end) == 's'"}) {
+        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Incomplete) << code;
+    }
+    for (char const* code : {"x = = 3", "1 +* 2", "end", "x = )", "for i = 1:3\n x = = 1",
+                             "m = [1 2)", "s = 'unterminated"}) {
+        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Invalid) << code;
+    }
+}
+
+TEST(CodeInspection, DisplayedStatementIsTheLastShowingExpressionStatement) {
+    auto start = [](std::string const& code) {
+        std::size_t at = CodeInspection::displayedStatementStart(code);
+        return at == std::string::npos ? std::string("<none>") : code.substr(at);
+    };
+    EXPECT_EQ(start("1 + 1"), "1 + 1");
+    EXPECT_EQ(start("x = 3; x"), "x");
+    EXPECT_EQ(start("a = 1\nb = 2, a * b  % product"), "a * b  % product");
+    EXPECT_EQ(start("for i = 1:2\n  i\nend\ni + 1\n\n"), "i + 1\n\n");
+    EXPECT_EQ(start("m = [1 2\n3 4];\nm(end, :)"), "m(end, :)");
+    // Nothing shows: assignments, suppressed output, blocks, commands, bad code.
+    EXPECT_EQ(start("x = 3"), "<none>");
+    EXPECT_EQ(start("x + 1;"), "<none>");
+    EXPECT_EQ(start("if true\n  1\nend"), "<none>");
+    EXPECT_EQ(start("format long"), "<none>");
+    EXPECT_EQ(start("x = = 1\ny"), "<none>");
+    EXPECT_EQ(start("x\nfunction y = f()\n y = 1;\nend"), "<none>");
+    EXPECT_EQ(start(""), "<none>");
+
+    EXPECT_EQ(CodeInspection::displayNames("x"), (std::vector<std::string>{"ans", "x"}));
+    EXPECT_EQ(CodeInspection::displayNames("x + 1"), (std::vector<std::string>{"ans"}));
+}
+
+TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
+    auto builtins = CodeInspection::builtinNames();
+    EXPECT_TRUE(std::is_sorted(builtins.begin(), builtins.end()));
+    for (char const* name : {"disp", "fprintf", "zeros", "who"}) {
+        EXPECT_TRUE(std::binary_search(builtins.begin(), builtins.end(), name)) << name;
+    }
+    auto keywords = CodeInspection::keywords();
+    EXPECT_TRUE(std::binary_search(keywords.begin(), keywords.end(), "while"));
+
+    TempDir a, b;
+    a.write("alpha.qrl", "function y = alpha(x)\n% ALPHA doubles x.\n%   y = alpha(x)\ny = 2*x;\n");
+    a.write("notes.txt", "not code");
+    b.write("alpha.qrl", "function y = alpha(x)\ny = 3*x;\n");
+    b.write("beta.qrl", "% BETA is a script.\n\n% not part of the help\nz = 1;\n");
+    b.write("gamma.qrl", "x = 1; % a comment after a statement is no help\n");
+    EXPECT_EQ(CodeInspection::functionFiles({a.str(), b.str(), a.str() + "/missing"}),
+              (std::vector<std::string>{"alpha", "beta", "gamma"}));
+    std::string const alpha = CodeInspection::findFunctionFile("alpha", {a.str(), b.str()});
+    EXPECT_EQ(alpha, (fs::path(a.str()) / "alpha.qrl").string()) << "the first folder wins";
+    EXPECT_EQ(CodeInspection::findFunctionFile("../alpha", {b.str()}), "");
+    EXPECT_EQ(CodeInspection::findFunctionFile("delta", {a.str(), b.str()}), "");
+
+    EXPECT_EQ(CodeInspection::helpText(alpha), "ALPHA doubles x.\n  y = alpha(x)\n");
+    EXPECT_EQ(CodeInspection::helpText(b.str() + "/beta.qrl"), "BETA is a script.\n");
+    EXPECT_EQ(CodeInspection::helpText(b.str() + "/alpha.qrl"), "");
+    EXPECT_EQ(CodeInspection::helpText(b.str() + "/gamma.qrl"), "");
+    EXPECT_EQ(CodeInspection::helpText(b.str() + "/missing.qrl"), "");
+}
+
+} // namespace
