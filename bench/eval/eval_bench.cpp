@@ -78,9 +78,9 @@ public:
     std::vector<std::size_t> receivedSizes; // guarded by mutex_, while recording
 
 private:
-    void receiveFrame(std::string const& from, std::string const& frame) override {
-        count(received, receivedSizes, frame.size());
-        sink_->receiveFrame(from, frame);
+    void receiveFrame(std::string const& from, char const* frame, std::size_t size) override {
+        count(received, receivedSizes, size);
+        sink_->receiveFrame(from, frame, size);
     }
     void peerFailed(std::string const& peer, boost::exception_ptr const& cause) override {
         sink_->peerFailed(peer, cause);
