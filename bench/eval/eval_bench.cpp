@@ -108,11 +108,16 @@ void finish(boost::unique_future<void> f) {
     f.get();
 }
 
+// The distributors, made on first use and dropped by main before the libraries' statics end.
+boost::shared_ptr<CmdDistributor> remoteDistributor;
+boost::shared_ptr<CmdDistributor> localDistributor;
+
 boost::shared_ptr<CmdDistributor> const& remote() {
-    static auto d = CmdDistributor::create(
-        quorl::contextmgr::FennID{2}, serverEndpoint, boost::none,
-        quorl::eventmgr::createRemoteEventMgr(serverEndpoint, boost::none, boost::none));
-    return d;
+    if (!remoteDistributor)
+        remoteDistributor = CmdDistributor::create(
+            quorl::contextmgr::FennID{2}, serverEndpoint, boost::none,
+            quorl::eventmgr::createRemoteEventMgr(serverEndpoint, boost::none, boost::none));
+    return remoteDistributor;
 }
 
 void evalOn(CmdDistributor& d, std::u16string const& code,
@@ -243,13 +248,13 @@ int rawEcho(std::string const& endpoint) {
 }
 
 // (c) In one process: the same eval, and the packaged-task road, on the host's interpreter.
-boost::shared_ptr<CmdDistributor> local() {
-    static auto d = [] {
+boost::shared_ptr<CmdDistributor> const& local() {
+    if (!localDistributor) {
         if (!quorl::host::Host::isRunning())
             quorl::host::Host::start();
-        return CmdDistributor::instance(quorl::contextmgr::BlessedFennID);
-    }();
-    return d;
+        localDistributor = CmdDistributor::instance(quorl::contextmgr::BlessedFennID);
+    }
+    return localDistributor;
 }
 
 void BM_LocalEval_Trivial(benchmark::State& state) {
@@ -302,6 +307,8 @@ int main(int argc, char** argv) {
 
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
+    remoteDistributor.reset();
+    localDistributor.reset();
     if (quorl::host::Host::isRunning())
         quorl::host::Host::stop();
     return 0;

@@ -10,7 +10,10 @@
 #include <quorl/matrixref/refexternalform.hpp>
 #include <quorl/workspace/localvariableprovider.hpp>
 
+#include <quorl/utils/fennmutex.hpp>
+
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
 #include <fl/i18n/conversions.hpp>
 
@@ -21,6 +24,7 @@
 #include <stdexcept>
 #include <streambuf>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace quorl {
@@ -173,6 +177,13 @@ boost::shared_ptr<IIPCompletedEvent> EvalRunner::run(PacketExecution& execution)
     io.out = &out;
     io.err = &err;
     io.interrupt = &execution.interruptFlag();
+    // Code that prints nothing would hold the fenn mutex to its end: let waiting threads in now
+    // and then. Interrupts are the language's own polls, which end the evaluation cleanly.
+    io.safePoint = [] {
+        foundation::msg_svc::threadutil::ReleaseCountedMutexGuard release(utils::getFennMutex());
+        if (release.releasedDepth())
+            std::this_thread::yield();
+    };
 
     language::Interpreter& interpreter = threadInterpreter();
     try {

@@ -4,7 +4,9 @@
 // when the packet carries no client workspace, otherwise in that workspace (the client's own
 // object in this process, its provider across processes). Output and error text reach the
 // packet's sinks as the code produces it; a cancel with interrupt ends the evaluation at its next
-// statement (PacketInterrupted, status 4); an error of the language completes the packet with a
+// statement (PacketInterrupted, status 4), and at those points the evaluation gives the fenn
+// mutex up for a moment about once a millisecond, so that code which prints nothing does not
+// keep other threads from it; an error of the language completes the packet with a
 // RuntimeException of status 2 holding its message, identifier, call stack (innermost first)
 // and causes. Code run in a client's workspace in another process may store values that have no
 // external form (objects, function handles): the client gets references to them, which resolve

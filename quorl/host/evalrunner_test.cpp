@@ -7,12 +7,16 @@
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
 #include <quorl/io/veldrasink.hpp>
+#include <quorl/utils/fennmutex.hpp>
 #include <quorl/workspace/clientworkspace.hpp>
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/future.hpp>
 
 #include <gtest/gtest.h>
+
+#include <future>
+#include <mutex>
 
 using namespace cmddistributor;
 using foundation::extdata::Array;
@@ -194,4 +198,53 @@ TEST_F(EvalRunnerTest, CancelWithInterruptStopsARunningLoopAndTheContextServesOn
     Sink after;
     eval(fenn, u"disp(n + 1)", &after);
     EXPECT_EQ(after.buffer->text(), u"1\n");
+}
+
+// A client workspace that tells when code first asks for one name.
+class WatchedWorkspace : public quorl::workspace::ClientWorkspace {
+public:
+    explicit WatchedWorkspace(std::string name) : name_(std::move(name)) {}
+    foundation::extdata::array::VariableInfo
+    getVariables(std::vector<char const*> const& names) override {
+        for (char const* n : names)
+            if (n == name_ && !asked_.exchange(true))
+                askedPromise_.set_value();
+        return ClientWorkspace::getVariables(names);
+    }
+    std::future<void> asked() { return askedPromise_.get_future(); }
+
+private:
+    std::string name_;
+    std::atomic<bool> asked_{false};
+    std::promise<void> askedPromise_;
+};
+
+TEST_F(EvalRunnerTest, CodeThatPrintsNothingLetsOtherThreadsTakeTheFennMutex) {
+    FennID const fenn{27};
+    auto ws = boost::make_shared<WatchedWorkspace>("go");
+    auto asked = ws->asked();
+    // The loop ends only when another thread, holding the fenn mutex, sets `go`. That thread
+    // starts once the loop runs (it asks for `go`), and gets the mutex only if the loop gives
+    // it up now and then.
+    auto looping = boost::make_shared<EvalCmdRequest>(
+        true, UnsetIqmStreamID, ws, nullptr, nullptr,
+        u"n = 0; while ~exist('go', 'var'), n = n + 1; end", ConventionalType);
+    IDType const id;
+    auto future = CmdDistributor::instance(fenn)->enqueueWithFuture(looping, id);
+    ASSERT_EQ(asked.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    auto other = std::async(std::launch::async, [&] {
+        std::lock_guard<foundation::msg_svc::threadutil::CountedMutex> hold(
+            *quorl::utils::getFennMutex());
+        ws->set("go", Array::createScalar(1.0));
+    });
+    // Waits on the other thread: the request's future waits through the distributor's wait
+    // callback, which waits for the end whatever the time limit.
+    if (other.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+        ADD_FAILURE() << "the loop kept the fenn mutex";
+        CmdDistributor::instance(fenn)->cancelRequest(id, true).wait();
+        other.wait();
+        return;
+    }
+    future.get();
+    EXPECT_GT(ws->find("n")->get<double>(0), 0.0) << "the loop ran before it was let go";
 }

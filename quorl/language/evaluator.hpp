@@ -21,6 +21,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -71,6 +72,7 @@ public:
         std::basic_streambuf<char16_t>* out = nullptr;
         std::basic_streambuf<char16_t>* err = nullptr;
         std::atomic<bool> const* interrupt = nullptr;
+        std::function<void()> safePoint;
     };
 
     // Top-level entries; each starts a new generation of name caches.
@@ -89,6 +91,15 @@ public:
     void checkInterrupt() const {
         if (io_.interrupt != nullptr && io_.interrupt->load(std::memory_order_relaxed)) {
             throw InterruptedError();
+        }
+        // The clock is read once every few polls only: polls come at every statement.
+        if (io_.safePoint && --safePointCountdown_ == 0) {
+            safePointCountdown_ = kSafePointStride;
+            auto const now = std::chrono::steady_clock::now();
+            if (now - lastSafePoint_ >= std::chrono::milliseconds(1)) {
+                lastSafePoint_ = now;
+                io_.safePoint();
+            }
         }
     }
     bool interruptRequested() const {
@@ -191,6 +202,9 @@ private:
     std::vector<Frame*> stack_;
     std::vector<EndContext> ends_;
     Io io_;
+    static constexpr unsigned kSafePointStride = 64;
+    mutable unsigned safePointCountdown_ = kSafePointStride;
+    mutable std::chrono::steady_clock::time_point lastSafePoint_{};
     LocalWorkspace base_;
     std::mt19937_64 rng_;
     std::chrono::steady_clock::time_point tic_;

@@ -4,15 +4,73 @@
 #include <quorl/language/languageerror.hpp>
 #include <quorl/language/valueops.hpp>
 
+#include <hv/hvopaque.hpp>
+#include <hv/utprintf.hpp>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 namespace quorl {
 namespace language {
 
 namespace {
+
+// Where utPrintf text of this thread goes while a class displays a value here; null otherwise.
+thread_local std::string* printCapture = nullptr;
+
+// Installs, once, a utPrintf sink that hands a capturing thread's text to it and everything else
+// to the sink that was there before.
+void captureClassPrints() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        auto previous = std::make_shared<utPrintfSink>();
+        *previous = utSetPrintfSink([previous](char const* text, std::size_t length) {
+            if (printCapture != nullptr) {
+                printCapture->append(text, length);
+            } else if (*previous) {
+                (*previous)(text, length);
+            } else {
+                std::fwrite(text, 1, length, stdout);
+            }
+        });
+    });
+}
+
+// The text that the class of an opaque array prints for it through its "disp" method, when the
+// class has one.
+bool classDisplay(Value const& v, std::string& out) {
+    if (v.kind() == Value::Kind::Lambda || v.classID() != hvOPAQUE_CLASS) {
+        return false;
+    }
+    hvOpaqueClass const* cls = hvGetOpaqueClass(v.hv());
+    hvOpaqueClassOps const* ops = cls != nullptr ? hvGetOpaqueClassOps(cls) : nullptr;
+    if (ops == nullptr || ops->findMethod == nullptr || ops->callMethod == nullptr) {
+        return false;
+    }
+    HvArrayPtr method(ops->findMethod(v.hv(), "disp"));
+    if (!method) {
+        return false;
+    }
+    captureClassPrints();
+    std::string text;
+    hvArray const* args[] = {v.hv()};
+    printCapture = &text;
+    bool shown = false;
+    try {
+        shown = ops->callMethod(method.get(), 0, nullptr, 1, args);
+    } catch (...) {
+        printCapture = nullptr;
+        throw;
+    }
+    printCapture = nullptr;
+    if (shown) {
+        out = std::move(text);
+    }
+    return shown;
+}
 
 std::string cfmt(char const* format, double v) {
     char buf[512];
@@ -296,6 +354,10 @@ std::string summary(Value const& v) {
 }
 
 std::string displayText(std::string const& name, Value const& v) {
+    std::string shown;
+    if (classDisplay(v, shown)) {
+        return name + " =\n" + shown;
+    }
     if (oneLine(v)) {
         return name + " = " + bodyLines(v)[0] + "\n";
     }
@@ -308,6 +370,10 @@ std::string displayText(std::string const& name, Value const& v) {
 }
 
 std::string dispText(Value const& v) {
+    std::string shown;
+    if (classDisplay(v, shown)) {
+        return shown;
+    }
     if (v.isChar()) {
         std::string out;
         for (std::string const& r : charRows(v)) {

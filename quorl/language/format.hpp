@@ -1,10 +1,11 @@
 #pragma once
 // Text forms of values: the display of a named value ("x = 5", matrices in aligned columns,
-// cells and structs by their elements), disp's form without the name, the number forms of
+// cells and structs by their elements; an opaque array whose class has a "disp" method as that
+// method prints it through utPrintf), disp's form without the name, the number forms of
 // num2str, and printf-style formatting with the format recycled over the arguments.
 //
-// Free functions, no state, any thread. Errors: LanguageError for arguments that cannot be
-// shown or formatted.
+// Free functions, any thread; the first class display installs a utPrintf sink that passes on
+// all text but its own. Errors: LanguageError for arguments that cannot be shown or formatted.
 #include <quorl/language/value.hpp>
 
 #include <string>

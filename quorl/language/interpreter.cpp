@@ -14,6 +14,7 @@ Evaluator::Io toIo(EvalIo const& io) {
     r.out = io.out;
     r.err = io.err;
     r.interrupt = io.interrupt;
+    r.safePoint = io.safePoint;
     return r;
 }
 struct HostFunctions {

@@ -6,7 +6,8 @@
 //
 // Output goes to the given 16-bit stream buffers as it is produced (output and error); either
 // may be null to drop it. The interrupt flag, when given, is polled at every statement, loop
-// iteration and pause tick; when it is set the evaluation ends with InterruptedError.
+// iteration and pause tick; when it is set the evaluation ends with InterruptedError. The
+// safe-point function, when given, is called at those points now and then.
 //
 // Threads: an Interpreter belongs to one interpreter thread (one per runtime context); all its
 // functions are called on that thread, one at a time. The interrupt flag is the only thing that
@@ -25,6 +26,7 @@
 #include <hv/hvarray.hpp>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <streambuf>
 #include <string>
@@ -39,6 +41,10 @@ struct EvalIo {
     std::basic_streambuf<char16_t>* out = nullptr;
     std::basic_streambuf<char16_t>* err = nullptr;
     std::atomic<bool> const* interrupt = nullptr;
+    // Called at the same points as the interrupt is polled, at most about once a millisecond,
+    // so that a host may let other threads in for a moment (give a lock up and take it again).
+    // What it throws ends the evaluation. May be empty.
+    std::function<void()> safePoint;
 };
 
 // A function of the host, callable from code by name: `nlhs` outputs go to plhs as new arrays

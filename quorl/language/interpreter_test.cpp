@@ -9,7 +9,12 @@
 
 #include <gtest/gtest.h>
 
+#include <hv/hvopaque.hpp>
+#include <hv/utprintf.hpp>
+
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <future>
 #include <map>
@@ -343,6 +348,74 @@ TEST(InterpreterObjects, RefBoxCopiesShareStateAndCannotBeSerialized) {
     Value b;
     ASSERT_TRUE(in.workspace().get("b", b));
     EXPECT_THROW(HvArrayPtr(hvSerialize(b.hv())), std::runtime_error);
+}
+
+// A host's opaque class whose arrays show themselves through a "disp" method, as reference
+// arrays do, and one with no methods.
+struct Probe {
+    int number;
+    std::atomic<int> sharers{1};
+};
+hvArray* probeFindMethod(hvArray const*, char const* name) {
+    return std::strcmp(name, "disp") == 0 ? hvCreateDoubleScalar(0) : nullptr;
+}
+bool probeCallMethod(hvArray const*, int, hvArray**, int nrhs, hvArray const* const* prhs) {
+    if (nrhs != 1) {
+        return false;
+    }
+    auto const* probe = static_cast<Probe const*>(hvGetOpaqueGiblet(prhs[0]));
+    utPrintf("probe %d\n    of the host\n", probe->number);
+    return true;
+}
+void* shareProbe(void* giblet) {
+    static_cast<Probe*>(giblet)->sharers.fetch_add(1);
+    return giblet;
+}
+void destroyProbe(void* giblet) {
+    auto* probe = static_cast<Probe*>(giblet);
+    if (probe->sharers.fetch_sub(1) == 1) {
+        delete probe;
+    }
+}
+void makeProbe(int, hvArray** plhs, int nrhs, hvArray** prhs) {
+    static hvOpaqueClass const* const shown = [] {
+        hvOpaqueClassOps ops;
+        ops.findMethod = &probeFindMethod;
+        ops.callMethod = &probeCallMethod;
+        ops.share = &shareProbe;
+        ops.destroy = &destroyProbe;
+        return hvSubclassOpaqueArray("InterpreterTestProbe", &ops);
+    }();
+    static hvOpaqueClass const* const silent = [] {
+        hvOpaqueClassOps ops;
+        ops.share = &shareProbe;
+        ops.destroy = &destroyProbe;
+        return hvSubclassOpaqueArray("InterpreterTestSilentProbe", &ops);
+    }();
+    int const number = nrhs > 0 ? static_cast<int>(hvGetScalar(prhs[0])) : 0;
+    plhs[0] = hvCreateOpaqueGiblet(number < 0 ? silent : shown, new Probe{number, {1}});
+}
+
+TEST(InterpreterHost, HostFunctionsAndOpaqueValuesThatDisplayThemselves) {
+    // Set before the first class display (no other test shows one): text printed through
+    // utPrintf outside a display must still reach it, and displays must not.
+    static std::string elsewhere;
+    utSetPrintfSink([](char const* text, std::size_t length) { elsewhere.append(text, length); });
+
+    registerHostFunction("makeProbe", &makeProbe);
+    Interpreter in;
+    EXPECT_EQ(run(in, "p = makeProbe(7); disp(p); q = p"),
+              "probe 7\n    of the host\nq =\nprobe 7\n    of the host\n");
+    EXPECT_EQ(run(in, "c = {makeProbe(2)}; disp(c{1}); disp(exist('makeProbe'))"),
+              "probe 2\n    of the host\n5\n");
+    EXPECT_NE(run(in, "disp(makeProbe(-1))").find("[1x1 InterpreterTestSilentProbe]"),
+              std::string::npos)
+        << "a class with no disp method is shown as any other value";
+    utPrintf("after %d\n", 1);
+    EXPECT_EQ(elsewhere, "after 1\n");
+
+    registerHostFunction("makeProbe", nullptr);
+    EXPECT_THROW(run(in, "makeProbe(1)"), LanguageError);
 }
 
 TEST(InterpreterOutput, ErrorStreamAndOutputStreamAreSeparate) {

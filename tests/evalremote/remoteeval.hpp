@@ -11,7 +11,10 @@
 #include <quorl/workspace/clientworkspace.hpp>
 
 #include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 #include <gtest/gtest.h>
+
+#include <thread>
 
 namespace quorl_testing {
 
@@ -35,6 +38,16 @@ public:
         : distributor_(CmdDistributor::create(
               FennID{fenn}, endpoint, boost::none,
               quorl::eventmgr::createRemoteEventMgr(endpoint, boost::none, boost::none))) {}
+    // Waits until the distributor is gone: a handler of its events (a failed peer's, say) may
+    // hold it for a moment, and must not be left destroying it while the process ends.
+    ~Remote() {
+        boost::weak_ptr<CmdDistributor> const gone = distributor_;
+        distributor_.reset();
+        while (!gone.expired())
+            std::this_thread::yield();
+    }
+    Remote(Remote const&) = delete;
+    Remote& operator=(Remote const&) = delete;
 
     CmdDistributor& distributor() { return *distributor_; }
 

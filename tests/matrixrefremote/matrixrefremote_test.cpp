@@ -1,8 +1,10 @@
-// Matrix references between a client (this test) and a quorl-server process: code run on the
-// server in the client's workspace stores an object there; the client holds a reference, copies
-// it, keeps it in a cell and sends it back; the server sees its original object, and frees it
-// when the client's last copy dies. A server that dies leaves the client's references as clean
-// failures.
+// Matrix references between a client (this test) and a server process: code run on the server
+// in the client's workspace stores an object there; the client holds a reference, copies it,
+// keeps it in a cell and sends it back; the server sees its original object, and destroys it
+// when the client's last copy dies, after exactly one release. A client that dies holding
+// references leaves nothing once its context is cleared; a server that dies leaves the client's
+// references as clean failures. The server counts its live tokens (kept in the objects) and the
+// releases it serves.
 #include <tests/crossprocess/serverprocess.hpp>
 #include <tests/evalremote/remoteeval.hpp>
 
@@ -18,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <string>
 #include <unistd.h>
 
 using namespace crossprocess;
@@ -65,6 +68,21 @@ std::u16string shown(Remote& remote, std::u16string const& code,
     return out.buffer->text();
 }
 
+// A number the server's code displays.
+double serverNumber(Remote& remote, std::u16string const& expression) {
+    std::u16string const text = shown(remote, u"disp(" + expression + u")");
+    return std::stod(std::string(text.begin(), text.end()));
+}
+
+// Polls a server count until it is `wanted`: the releases travel on their own, and each poll is
+// a round trip, so this waits without sleeping. The last value seen.
+double awaitServerNumber(Remote& remote, std::u16string const& expression, double wanted) {
+    double value = serverNumber(remote, expression);
+    for (int i = 0; i < 2000 && value != wanted; ++i)
+        value = serverNumber(remote, expression);
+    return value;
+}
+
 } // namespace
 
 TEST(MatrixRefRemote, AServerObjectTravelsAsAReferenceComesBackAsItselfAndDiesWithTheLastCopy) {
@@ -74,9 +92,11 @@ TEST(MatrixRefRemote, AServerObjectTravelsAsAReferenceComesBackAsItselfAndDiesWi
     Remote remote(endpoint, 3);
     ASSERT_EQ(shown(remote, u"disp(refMetrics('ActiveRefCount'))"), u"0\n");
     ASSERT_EQ(clientTable().countActive(false), 0u);
+    double const served = serverNumber(remote, u"releasesServed()");
 
     auto ws = boost::make_shared<ClientWorkspace>();
-    remote.eval(u"x = RefBox(42, 'answer');", ws);
+    remote.eval(u"x = RefBox(42, liveToken());", ws);
+    EXPECT_EQ(serverNumber(remote, u"liveTokens()"), 1.0);
     {
         auto x = ws->find("x");
         ASSERT_TRUE(x);
@@ -95,12 +115,12 @@ TEST(MatrixRefRemote, AServerObjectTravelsAsAReferenceComesBackAsItselfAndDiesWi
     // Sent back, both resolve to the server's own object: a change made through one (a handle
     // passed to a function, no variable written back) is seen through the other.
     EXPECT_EQ(shown(remote,
-                    u"disp(x.Value); poke(x); disp(c{1}.Value); disp(c{2}); disp(c{1}.Label)\n"
+                    u"disp(x.Value); poke(x); disp(c{1}.Value); disp(c{2})\n"
                     u"function poke(b)\n"
                     u"  b.Value = 43;\n"
                     u"end\n",
                     ws),
-              u"42\n43\n7\nanswer\n");
+              u"42\n43\n7\n");
     EXPECT_EQ(shown(remote, u"disp(refMetrics('TotalRefCount'))"), u"1\n")
         << "references that came home left the counts as they were";
 
@@ -111,11 +131,39 @@ TEST(MatrixRefRemote, AServerObjectTravelsAsAReferenceComesBackAsItselfAndDiesWi
     quorl::workspace::WorkspaceHolder::workspaceDeleted(ws);
     ws.reset();
     EXPECT_EQ(clientTable().countActive(false), 0u);
-    // The release travels on its own; each poll is a round trip, so this waits without sleeping.
-    std::u16string count;
-    for (int i = 0; i < 2000 && count != u"0\n"; ++i)
-        count = shown(remote, u"disp(refMetrics('ActiveRefCount'))");
-    EXPECT_EQ(count, u"0\n") << "the server freed its object";
+    EXPECT_EQ(awaitServerNumber(remote, u"liveTokens()", 0.0), 0.0)
+        << "the server destroyed its object";
+    EXPECT_EQ(serverNumber(remote, u"refMetrics('ActiveRefCount')"), 0.0);
+    // One more round trip after the object died: a second release would have crossed by now.
+    EXPECT_EQ(serverNumber(remote, u"releasesServed()"), served + 1) << "exactly one release";
+}
+
+TEST(MatrixRefRemote, AClientThatDiesHoldingReferencesLeavesNothingOnceItsContextIsCleared) {
+    PrivateDir dir;
+    std::string const endpoint = "ipc://" + dir.path() + "/orphans";
+    auto server = startServer(endpoint);
+    Remote remote(endpoint, 5);
+    ServerProcess client(QUORL_REF_CLIENT, {endpoint});
+    ASSERT_TRUE(client.waitForLine("holding")) << client.errors() << server->errors();
+    client.signal(SIGKILL);
+    EXPECT_EQ(client.wait(), 128 + SIGKILL);
+
+    // Nobody will release the object; it lives on until its context is cleared.
+    EXPECT_EQ(serverNumber(remote, u"liveTokens()"), 1.0);
+    EXPECT_EQ(serverNumber(remote, u"refMetrics('ActiveRefCount')"), 1.0);
+    double const served = serverNumber(remote, u"releasesServed()");
+    remote.eval(u"clearContextRefs()");
+    EXPECT_EQ(serverNumber(remote, u"liveTokens()"), 0.0);
+    EXPECT_EQ(serverNumber(remote, u"refMetrics('TotalRefCount')"), 0.0);
+    EXPECT_EQ(serverNumber(remote, u"releasesServed()"), served);
+
+    // The server serves on: references handed out after the clear work as before.
+    auto ws = boost::make_shared<ClientWorkspace>();
+    remote.eval(u"y = RefBox(5, liveToken());", ws);
+    EXPECT_EQ(shown(remote, u"disp(y.Value)", ws), u"5\n");
+    quorl::workspace::WorkspaceHolder::workspaceDeleted(ws);
+    ws.reset();
+    EXPECT_EQ(awaitServerNumber(remote, u"liveTokens()", 0.0), 0.0);
 }
 
 TEST(MatrixRefRemote, AServerThatDiesLeavesTheClientsReferencesAsCleanFailures) {
