@@ -7,6 +7,8 @@
 #include <foundation/msg_svc/exchange/zmqtransport.hpp>
 
 #include <boost/serialization/base_object.hpp>
+#include <boost/serialization/string.hpp>
+#include <boost/serialization/vector.hpp>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -145,6 +147,45 @@ struct CountingActor : TestActorApi {
     }
 };
 
+// Blocks of bytes whose content follows from their index and position; the reply counts the
+// blocks that arrived whole.
+std::string patternBlock(std::size_t index, std::size_t size) {
+    std::string b(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+        b[i] = static_cast<char>((i * 31 + index * 7 + i / 4096) & 0xFF);
+    return b;
+}
+
+class BlocksMessage : public Message {
+public:
+    BlocksMessage() = default;
+    explicit BlocksMessage(std::vector<std::size_t> const& sizes) {
+        for (std::size_t i = 0; i < sizes.size(); ++i)
+            blocks_.push_back(patternBlock(i, sizes[i]));
+    }
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        int whole = 0;
+        for (std::size_t i = 0; i < blocks_.size(); ++i)
+            whole += blocks_[i] == patternBlock(i, blocks_[i].size());
+        return boost::make_shared<TestReply>(whole);
+    }
+    std::size_t bytes() const {
+        std::size_t n = 0;
+        for (auto const& b : blocks_)
+            n += b.size();
+        return n;
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A> void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("message",
+                                           boost::serialization::base_object<Message>(*this));
+        ar& boost::serialization::make_nvp("blocks", blocks_);
+    }
+    std::vector<std::string> blocks_;
+};
+
 Address own(std::string const& queue = Address::SpecializedQueues::noqueue()) {
     return Address(ExchangeApi::instance()->getExchangeName(), queue);
 }
@@ -153,6 +194,7 @@ Address own(std::string const& queue = Address::SpecializedQueues::noqueue()) {
 
 BOOST_CLASS_EXPORT(TestReply)
 BOOST_CLASS_EXPORT(EchoMessage)
+BOOST_CLASS_EXPORT(BlocksMessage)
 
 TEST(Exchange, DeliversInOrderOnTheDeliveryThreadAndAnswers) {
     auto ex = ExchangeApi::instance();
@@ -421,6 +463,48 @@ TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
             if (t % 2)
                 std::sort(got.begin(), got.end());
             EXPECT_EQ(got, expected) << "thread " << t;
+        }
+    }
+    client->stop();
+    server->stop();
+    std::filesystem::remove_all(dir);
+}
+
+TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
+    // Blocks below, at and far above the size a frame is built and sent differently from, many
+    // of them, so that the frame grows past several large blocks.
+    std::vector<std::size_t> sizes{1, 65535, 65536, 3 << 20, 0, 200000, 70000, 1 << 20};
+    for (int i = 0; i < 12; ++i)
+        sizes.push_back(100000 + 9973 * static_cast<std::size_t>(i));
+    auto const message = boost::make_shared<BlocksMessage>(sizes);
+    ASSERT_GT(message->bytes(), std::size_t(5) << 20);
+
+    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
+    ASSERT_TRUE(::mkdtemp(dirTemplate));
+    std::string const dir = dirTemplate;
+    ExchangeConfig loopA, loopB, zmqServer, zmqClient;
+    loopA.name = "large-loop-a";
+    loopA.transport = makeLoopbackTransport();
+    loopB.name = "large-loop-b";
+    loopB.transport = makeLoopbackTransport();
+    zmqServer.name = "ipc://" + dir + "/large";
+    zmqServer.transport = makeZmqTransport();
+    zmqClient.name = "large-zmq-client";
+    zmqClient.transport = makeZmqTransport();
+    auto a = ExchangeApi::create(loopA);
+    auto b = ExchangeApi::create(loopB);
+    auto server = ExchangeApi::create(zmqServer);
+    auto client = ExchangeApi::create(zmqClient);
+
+    std::pair<ExchangeApi*, std::string> const routes[] = {{a.get(), loopB.name},
+                                                           {client.get(), zmqServer.name}};
+    for (auto const& route : routes) {
+        for (std::string const& queue :
+             {Address::SpecializedQueues::noqueue(), Address::SpecializedQueues::unordered()}) {
+            auto reply = boost::dynamic_pointer_cast<TestReply const>(
+                route.first->submitWithReply(message, Address(route.second, queue)).get());
+            ASSERT_TRUE(reply);
+            EXPECT_EQ(reply->value, static_cast<int>(sizes.size())) << route.second << " " << queue;
         }
     }
     client->stop();

@@ -4,6 +4,7 @@
 
 #include <boost/archive/polymorphic_binary_oarchive.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -58,7 +59,13 @@ public:
 
 protected:
     std::streamsize xsputn(char const* s, std::streamsize n) override {
-        out_.append(s, static_cast<std::size_t>(n));
+        auto const size = static_cast<std::size_t>(n);
+        // A large block (an array's data, say) that does not fit makes room for itself at once,
+        // rather than through doublings that copy what is written again; still at least doubling,
+        // so that many large blocks are not copied over and over.
+        if (size >= kLargeBlock && out_.capacity() - out_.size() < size)
+            out_.reserve(std::max(out_.size() + size + kLargeBlock, 2 * out_.capacity()));
+        out_.append(s, size);
         return n;
     }
     int_type overflow(int_type c) override {
@@ -68,6 +75,7 @@ protected:
     }
 
 private:
+    static constexpr std::size_t kLargeBlock = 64 * 1024;
     std::string& out_;
 };
 
@@ -75,7 +83,9 @@ template <class T> void appendObject(std::string& out, T const& object) {
     AppendBuffer buffer(out);
     std::ostream os(&buffer);
     {
-        boost::archive::polymorphic_binary_oarchive oa(os);
+        // A binary archive converts no characters: it needs no locale of its own, whose making
+        // shows in the cost of every small frame.
+        boost::archive::polymorphic_binary_oarchive oa(os, boost::archive::no_codecvt);
         T const* p = &object;
         oa << boost::serialization::make_nvp("object", p);
     }
@@ -114,7 +124,7 @@ void patchLength(std::string& out, std::size_t at) {
 template <class T> boost::shared_ptr<T const> decodeObject(char const* bytes, std::size_t size) {
     serialization::GuardedIArchive::Buffer buffer(bytes, size);
     std::istream is(&buffer);
-    serialization::PolymorphicGuardedIArchive ia(is);
+    serialization::PolymorphicGuardedIArchive ia(is, boost::archive::no_codecvt);
     ia.expectPointerTo(
         boost::serialization::type_info_implementation<T>::type::get_const_instance());
     T* p = nullptr;

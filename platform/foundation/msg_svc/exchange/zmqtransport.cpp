@@ -459,6 +459,7 @@ private:
         peer->deadline = Clock::now() + options_.connectTimeout;
         Peer& ref = *peer;
         peers_[peerName] = std::move(peer);
+        peersChanged_ = true;
         return ref;
     }
 
@@ -496,6 +497,7 @@ private:
             if (routeBack(to, toMessage(std::move(frame))))
                 return nullptr;
             inbound_.erase(to);
+            peersChanged_ = true;
             fail(to, "exchange '" + to + "' went away");
             return nullptr;
         }
@@ -511,8 +513,10 @@ private:
             return &peer;
         } catch (std::exception const& e) {
             auto p = peers_.find(to);
-            if (p != peers_.end())
+            if (p != peers_.end()) {
                 peers_.erase(p);
+                peersChanged_ = true;
+            }
             fail(to, e.what());
             return nullptr;
         }
@@ -567,7 +571,8 @@ private:
                 continue;
             }
             std::string from(static_cast<char const*>(parts[0].data()), parts[0].size());
-            inbound_.insert(from);
+            if (inbound_.insert(from).second)
+                peersChanged_ = true;
             if (parts[1].size() == 0)
                 continue; // a probe
             received.push_back(Received{std::move(from), std::move(parts[1])});
@@ -649,6 +654,7 @@ private:
             }
             std::string gone = *it;
             it = inbound_.erase(it);
+            peersChanged_ = true;
             fail(gone, "exchange '" + gone + "' went away");
         }
     }
@@ -676,9 +682,13 @@ private:
         while (true) {
             long timeoutMs;
             {
+                // One lock per turn before the poll: drops the peers the last turn failed and
+                // lists the sockets to wait on.
                 std::lock_guard<std::mutex> lock(mutex_);
                 if (stopping_)
                     break;
+                dropFailedPeers();
+                failed.swap(failed_);
                 items.clear();
                 order.clear();
                 items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
@@ -691,7 +701,15 @@ private:
                     items.push_back({nullptr, p.second->dealerFd, ZMQ_POLLIN, 0});
                     items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
                 }
-                timeoutMs = more ? 0 : nextTimeoutMs(Clock::now());
+                timeoutMs = more || !failed.empty() ? 0 : nextTimeoutMs(Clock::now());
+            }
+            if (!failed.empty()) {
+                for (auto& f : failed)
+                    sink_->peerFailed(f.first, f.second);
+                failed.clear();
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (stopping_)
+                    break; // stopped from a sink call: nothing more reaches the sink
             }
             try {
                 zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
@@ -703,14 +721,6 @@ private:
             for (auto& r : received)
                 sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()), r.body.size());
             received.clear();
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                dropFailedPeers();
-                failed.swap(failed_);
-            }
-            for (auto& f : failed)
-                sink_->peerFailed(f.first, f.second);
-            failed.clear();
         }
         auto self = std::move(keepAlive_);
         if (self) {
@@ -771,10 +781,14 @@ private:
                 failed_.emplace_back(it->first, it->second->failure);
                 inbound_.erase(it->first);
                 it = peers_.erase(it);
+                peersChanged_ = true;
             } else {
                 ++it;
             }
         }
+        if (!peersChanged_)
+            return;
+        peersChanged_ = false;
         std::set<std::string> known = inbound_;
         for (auto const& p : peers_)
             known.insert(p.first);
@@ -813,6 +827,7 @@ private:
     std::set<std::string> inbound_; // peers that connected to the ROUTER
     std::vector<Clock::time_point> probes_;
     std::vector<std::pair<std::string, boost::exception_ptr>> failed_; // reported by the loop
+    bool peersChanged_ = false; // peers_ or inbound_ changed since known_ was made
     bool stopping_ = false;
 
     mutable std::mutex peersMutex_; // guards known_
