@@ -82,6 +82,18 @@ po::options_description sessionOptions(SessionOptions& session, std::vector<std:
     return o;
 }
 
+// Parses the command line into `vm`; a bad one is reported and gives false.
+bool parseOptions(po::options_description const& o, int argc, char** argv, po::variables_map& vm) {
+    try {
+        po::store(po::command_line_parser(argc, argv).options(o).run(), vm);
+        po::notify(vm);
+        return true;
+    } catch (po::error const& e) {
+        usageError(e.what());
+        return false;
+    }
+}
+
 int install(int argc, char** argv) {
     SessionOptions session;
     std::vector<std::string> path;
@@ -91,12 +103,8 @@ int install(int argc, char** argv) {
         "prefix", po::value(&prefix)->value_name("P"), "install into P/share/jupyter");
     o.add(sessionOptions(session, path));
     po::variables_map vm;
-    try {
-        po::store(po::command_line_parser(argc, argv).options(o).run(), vm);
-        po::notify(vm);
-    } catch (po::error const& e) {
-        return usageError(e.what());
-    }
+    if (!parseOptions(o, argc, argv, vm))
+        return ExitUsage;
     if (vm.count("help")) {
         std::cout << "Registers the quorl Jupyter kernel (default: system-wide, "
                      "/usr/local/share/jupyter).\n\n"
@@ -141,12 +149,8 @@ int serve(int argc, char** argv) {
                                                 "the connection file Jupyter gives");
     o.add(sessionOptions(sessionOpts, path));
     po::variables_map vm;
-    try {
-        po::store(po::command_line_parser(argc, argv).options(o).run(), vm);
-        po::notify(vm);
-    } catch (po::error const& e) {
-        return usageError(e.what());
-    }
+    if (!parseOptions(o, argc, argv, vm))
+        return ExitUsage;
     if (vm.count("help")) {
         std::cout << "The Jupyter kernel of the quorl language. Jupyter starts it with a "
                      "connection file; register it with `quorl-kernel install`.\n\n"

@@ -18,59 +18,60 @@ namespace cli {
 
 namespace {
 
+// 16-bit text converted to UTF-8 and handed to `put` a block at a time.
+class Utf8Buffer : public std::basic_streambuf<char16_t> {
+protected:
+    virtual void put(char const* bytes, std::size_t size) = 0;
+    // Called once the whole of a write has been put.
+    virtual void written() {}
+
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof()))
+            return traits_type::not_eof(c);
+        char16_t const unit = traits_type::to_char_type(c);
+        return xsputn(&unit, 1) == 1 ? c : traits_type::eof();
+    }
+    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
+        char16_t const* in = s;
+        char16_t const* const end = s + n;
+        char work[4096];
+        while (std::size_t const got = converter_.convert(work, work + sizeof work, in, end))
+            put(work, got);
+        written();
+        return n;
+    }
+
+private:
+    fl::i18n::stream_converter converter_;
+};
+
 // Prints 16-bit text as UTF-8 to a C stream, flushed at once.
-class TerminalBuffer : public std::basic_streambuf<char16_t> {
+class TerminalBuffer : public Utf8Buffer {
 public:
     explicit TerminalBuffer(std::FILE* file) : file_(file) {}
 
 protected:
-    int_type overflow(int_type c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof()))
-            return traits_type::not_eof(c);
-        char16_t const unit = traits_type::to_char_type(c);
-        return xsputn(&unit, 1) == 1 ? c : traits_type::eof();
-    }
-    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
-        char16_t const* in = s;
-        char16_t const* const end = s + n;
-        char work[4096];
-        while (std::size_t const got = converter_.convert(work, work + sizeof work, in, end))
-            std::fwrite(work, 1, got, file_);
-        std::fflush(file_);
-        return n;
-    }
+    void put(char const* bytes, std::size_t size) override { std::fwrite(bytes, 1, size, file_); }
+    void written() override { std::fflush(file_); }
     int sync() override { return std::fflush(file_) == 0 ? 0 : -1; }
 
 private:
     std::FILE* file_;
-    fl::i18n::stream_converter converter_;
 };
 
 // Writes 16-bit text as UTF-8 to a narrow stream (the log file).
-class NarrowingBuffer : public std::basic_streambuf<char16_t> {
+class NarrowingBuffer : public Utf8Buffer {
 public:
     explicit NarrowingBuffer(std::unique_ptr<std::ofstream> file) : file_(std::move(file)) {}
 
 protected:
-    int_type overflow(int_type c) override {
-        if (traits_type::eq_int_type(c, traits_type::eof()))
-            return traits_type::not_eof(c);
-        char16_t const unit = traits_type::to_char_type(c);
-        return xsputn(&unit, 1) == 1 ? c : traits_type::eof();
-    }
-    std::streamsize xsputn(char16_t const* s, std::streamsize n) override {
-        char16_t const* in = s;
-        char16_t const* const end = s + n;
-        char work[4096];
-        while (std::size_t const got = converter_.convert(work, work + sizeof work, in, end))
-            file_->write(work, static_cast<std::streamsize>(got));
-        return n;
+    void put(char const* bytes, std::size_t size) override {
+        file_->write(bytes, static_cast<std::streamsize>(size));
     }
     int sync() override { return file_->flush() ? 0 : -1; }
 
 private:
     std::unique_ptr<std::ofstream> file_;
-    fl::i18n::stream_converter converter_;
 };
 
 // The terminal as the command window's sink: what it shows goes to the diary and the log too.
