@@ -5,6 +5,7 @@
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
+#include <quorl/cmddistributor/fevalcall.hpp>
 #include <quorl/cmddistributor/fevalcmdrequest.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/extstring/extstring.hpp>
@@ -172,6 +173,15 @@ TEST_F(FEvalRemoteTest, ArgumentsAndResultsCrossInBothFormsAndErrorsKeepTheirSta
         ASSERT_FALSE(e.getStackFrames().empty());
         EXPECT_EQ(e.getStackFrames().front().func, "fails");
     }
+
+    // Typed calls take the same road.
+    quorl::cmddistributor::FEvalCall feval(distributor_, kClientTarn, kServerTarn);
+    auto total = feval.call<double>("sum", std::vector<double>{1, 2, 3.5});
+    EXPECT_EQ(settle(total), 6.5);
+    auto sizes = feval.call<std::tuple<double, double>>("size", std::string("four"));
+    EXPECT_EQ(settle(sizes), std::make_tuple(1.0, 4.0));
+    auto power = feval.call<Array>("power", Array::createScalar(2.0), Array::createScalar(5.0));
+    EXPECT_EQ(settle(power), Array::createScalar(32.0));
 
     // An object cannot travel: it comes back as a reference to the server's object.
     Results box = call("RefBox", 1, {arg(hvCreateDoubleScalar(3)), arg(hvCreateString("b"))});
