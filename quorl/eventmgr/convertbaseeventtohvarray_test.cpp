@@ -204,9 +204,9 @@ TEST(ConvertBaseEventToHvArray, EveryEventClassOfTheLibraryHasItsPairNamesAsFiel
     events.emplace_back(new quorl::eventmgr::TARNShutdownEvent());
     events.emplace_back(new quorl::io::SinkTextEvent(quorl::io::OutputStream, u"shown"));
     for (auto const& event : events) {
-        std::string const type = typeid(*event).name();
-        SCOPED_TRACE(type);
         BaseEvent const* p = event.get();
+        std::string const type = typeid(*p).name();
+        SCOPED_TRACE(type);
         std::istringstream xml(quorl_testing::write(quorl_testing::Family::Xml, p));
         boost::property_tree::ptree tree;
         boost::property_tree::read_xml(xml, tree);
