@@ -1,7 +1,7 @@
 // Function calls, each figure beside its floor in the same run:
 //  - `sum` of a 100 MB double argument in a server process over ipc://, beside raw ZeroMQ
 //    (DEALER/ROUTER) carrying the same 100 MB one way, answered by a few bytes;
-//  - a small call (`plus` of two scalars) in a server process over ipc://, beside a raw ZeroMQ
+//  - a small call (`power` of two scalars) in a server process over ipc://, beside a raw ZeroMQ
 //    round trip of a small frame;
 //  - the same small call to the reference host in this process, beside a round trip to another
 //    thread through a promise (the plainest hand-off there is).
@@ -140,9 +140,9 @@ void BM_Raw100MB_Ipc(benchmark::State& state) {
 void BM_FEvalSmall_Ipc(benchmark::State& state) {
     Arguments const args = smallArguments();
     auto d = remote();
-    callOnce(*d, "plus", args);
+    callOnce(*d, "power", args);
     for (auto _ : state)
-        benchmark::DoNotOptimize(callOnce(*d, "plus", args));
+        benchmark::DoNotOptimize(callOnce(*d, "power", args));
 }
 
 void BM_RawSmallRoundTrip_Ipc(benchmark::State& state) {
@@ -161,9 +161,9 @@ void BM_RawSmallRoundTrip_Ipc(benchmark::State& state) {
 void BM_FEvalSmall_InProcess(benchmark::State& state) {
     Arguments const args = smallArguments();
     auto d = CmdDistributor::instance(quorl::contextmgr::FennID{3});
-    callOnce(*d, "plus", args);
+    callOnce(*d, "power", args);
     for (auto _ : state)
-        benchmark::DoNotOptimize(callOnce(*d, "plus", args));
+        benchmark::DoNotOptimize(callOnce(*d, "power", args));
 }
 
 // A request to another thread and its answer, by promise and future.
@@ -227,7 +227,7 @@ int main(int argc, char** argv) {
     // Wait until the server answers before measuring.
     for (int attempt = 0;; ++attempt) {
         try {
-            callOnce(*remote(), "plus", smallArguments());
+            callOnce(*remote(), "power", smallArguments());
             break;
         } catch (std::exception const&) {
             if (attempt > 100)

@@ -36,7 +36,14 @@ void hvBytes(const std::uint8_t* data, std::size_t size) {
         return;
     }
     std::vector<hvArray*> back = qd::deserializeHvArrays(again);
+    if (back.size() != arrays.size())
+        std::abort();
     for (std::size_t i = 0; i < arrays.size(); ++i) {
+        if (!arrays[i] || !back[i]) { // a null argument travels as null
+            if (arrays[i] != back[i])
+                std::abort();
+            continue;
+        }
         if (hvGetClassID(arrays[i]) != hvGetClassID(back[i]) ||
             hvGetNumberOfElements(arrays[i]) != hvGetNumberOfElements(back[i]))
             std::abort();

@@ -18,16 +18,21 @@
 // Array and ends a list at once.
 #include <quorl/cmddistributor/veldradataarrayserializationservice.hpp>
 
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
+
+#include <boost/archive/polymorphic_iarchive.hpp>
 #include <boost/serialization/level.hpp>
 #include <boost/serialization/nvp.hpp>
 #include <boost/serialization/split_free.hpp>
 #include <boost/serialization/tracking.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace quorl {
@@ -96,6 +101,18 @@ private:
         }
     }
 
+    // Whether `ar` is the guarded archive that reads bytes from another process (whose binary
+    // blocks may be read in pieces; text and XML blocks may not).
+    template <class Archive> static bool readsBytesFromOutside(Archive& ar) {
+        using foundation::msg_svc::serialization::GuardedIArchive;
+        if constexpr (std::is_base_of<boost::archive::polymorphic_iarchive, Archive>::value)
+            return dynamic_cast<
+                       boost::archive::detail::polymorphic_iarchive_route<GuardedIArchive>*>(&ar) !=
+                   nullptr;
+        else
+            return std::is_same<Archive, GuardedIArchive>::value;
+    }
+
     template <class Archive>
     static foundation::extdata::Array loadBytes(Archive& ar,
                                                 VeldraDataArraySerializationService& service) {
@@ -108,8 +125,22 @@ private:
         if (length > bytes.max_size()) {
             throw std::runtime_error("Data array payload length out of range.");
         }
-        bytes.resize(static_cast<std::size_t>(length));
-        ar.load_binary(&bytes[0], bytes.size());
+        if (readsBytesFromOutside(ar)) {
+            // The length came with the bytes: read it a block at a time, so that a length beyond
+            // what arrived ends in the archive's error for a short read, not in an allocation of
+            // that length.
+            std::size_t const block = std::size_t(1) << 20;
+            while (bytes.size() < length) {
+                std::size_t const at = bytes.size();
+                std::size_t const n =
+                    static_cast<std::size_t>(std::min<std::uint64_t>(block, length - at));
+                bytes.resize(at + n);
+                ar.load_binary(&bytes[at], n);
+            }
+        } else {
+            bytes.resize(static_cast<std::size_t>(length));
+            ar.load_binary(&bytes[0], bytes.size());
+        }
         std::istringstream in(std::move(bytes));
         return service.deserializeDataArray(in);
     }

@@ -7,6 +7,8 @@
 #include <quorl/matrixref/matrixref.hpp>
 #include <quorl/utils/fennmutex.hpp>
 
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
+
 #include <boost/function.hpp>
 #include <boost/make_shared.hpp>
 
@@ -32,7 +34,7 @@ HvArrayPtr take(hvArray* a) {
     return matrix::from_veldra_old(a);
 }
 
-HvArrayPtr row(std::initializer_list<double> values) {
+HvArrayPtr row(std::vector<double> const& values) {
     HvArrayPtr a = take(hvCreateNumericMatrix(hvDOUBLE_CLASS, 1, values.size()));
     std::copy(values.begin(), values.end(), static_cast<double*>(hvGetData(a.get())));
     return a;
@@ -211,6 +213,34 @@ TEST(FEvalIIP, ClientPacketCrossesAnArchiveAndRebuildsItsArgumentsOnEveryCall) {
     ASSERT_GE(names.size(), tail.size());
     EXPECT_EQ(std::vector<std::string>(names.end() - tail.size(), names.end()), tail);
     EXPECT_EQ(names[1], "iip");
+
+    // Bytes from another process: the guarded archive reads the argument bytes as one block, and
+    // refuses a byte count beyond the end of what arrived.
+    HvArrayPtr big = row(std::vector<double>(1000, 0.25));
+    std::vector<const hvArray*> bigArgs{big.get()};
+    FEvalIIP wide(
+        "sum", 1,
+        boost::make_shared<FEvalOpaqueData<void, const std::vector<const hvArray*>>>(bigArgs),
+        UnsetIqmStreamID, nullptr, nullptr, TarnID{11}, TarnID{12});
+    IIP const* widePointer = &wide;
+    std::string const wire = quorl_testing::write(Family::PolyBinary, widePointer);
+    auto guardedRead = [](std::string const& bytes) {
+        foundation::msg_svc::serialization::GuardedIArchive::Buffer buffer(bytes.data(),
+                                                                           bytes.size());
+        std::istream in(&buffer);
+        foundation::msg_svc::serialization::PolymorphicGuardedIArchive archive(in);
+        IIP* raw = nullptr;
+        static_cast<boost::archive::polymorphic_iarchive&>(archive) >>
+            boost::serialization::make_nvp("object", raw);
+        return boost::shared_ptr<IIP>(raw);
+    };
+    auto arrived = boost::dynamic_pointer_cast<FEvalIIP>(guardedRead(wire));
+    ASSERT_TRUE(arrived);
+    auto rebuilt = boost::get<std::vector<const hvArray*>>(arrived->getInputArguments());
+    ASSERT_EQ(rebuilt.size(), 1u);
+    EXPECT_TRUE(hvAreMatricesEqual(rebuilt[0], big.get()));
+    qd::nullSafeHvConstVecDestroy(rebuilt);
+    EXPECT_THROW(guardedRead(wire.substr(0, wire.size() - 4000)), std::exception);
 
     std::string const written = client.toString();
     EXPECT_NE(written.find("function: plus\nnlhs: 2\n"), std::string::npos) << written;

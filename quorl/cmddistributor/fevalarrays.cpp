@@ -2,7 +2,17 @@
 
 #include <quorl/cmddistributor/fennlock.hpp>
 
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
 #include <hv/matrix.hpp>
+
+#include <boost/archive/binary_iarchive.hpp>
+#include <boost/archive/binary_oarchive.hpp>
+#include <boost/archive/detail/polymorphic_iarchive_route.hpp>
+#include <boost/archive/detail/polymorphic_oarchive_route.hpp>
+#include <boost/serialization/collection_size_type.hpp>
+#include <boost/serialization/item_version_type.hpp>
+#include <boost/serialization/library_version_type.hpp>
+#include <boost/serialization/nvp.hpp>
 
 #include <cstring>
 #include <stdexcept>
@@ -161,3 +171,44 @@ boost::shared_ptr<ManagedArrayVector> makeManagedResultVector(std::vector<hvArra
 } // namespace detail
 } // namespace cmddistributor
 } // namespace quorl
+
+namespace boost {
+namespace archive {
+
+void serialize(polymorphic_oarchive& ar, std::vector<unsigned char>& bytes, unsigned int) {
+    serialization::collection_size_type const count(bytes.size());
+    serialization::item_version_type const itemVersion(0);
+    ar << serialization::make_nvp("count", count);
+    ar << serialization::make_nvp("item_version", itemVersion);
+    if (dynamic_cast<detail::polymorphic_oarchive_route<binary_oarchive>*>(&ar)) {
+        if (!bytes.empty())
+            ar.save_binary(bytes.data(), bytes.size());
+        return;
+    }
+    for (unsigned char const& b : bytes)
+        ar << serialization::make_nvp("item", b);
+}
+
+void serialize(polymorphic_iarchive& ar, std::vector<unsigned char>& bytes, unsigned int) {
+    serialization::collection_size_type count;
+    serialization::item_version_type itemVersion(0);
+    ar >> serialization::make_nvp("count", count); // the guarded archive checks it: count <= left
+    if (serialization::library_version_type(3) < ar.get_library_version())
+        ar >> serialization::make_nvp("item_version", itemVersion);
+    bytes.clear();
+    if (dynamic_cast<detail::polymorphic_iarchive_route<binary_iarchive>*>(&ar) ||
+        dynamic_cast<foundation::msg_svc::serialization::PolymorphicGuardedIArchive*>(&ar)) {
+        bytes.resize(count);
+        if (count != 0)
+            ar.load_binary(bytes.data(), count);
+        return;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        unsigned char b = 0;
+        ar >> serialization::make_nvp("item", b);
+        bytes.push_back(b);
+    }
+}
+
+} // namespace archive
+} // namespace boost

@@ -65,3 +65,16 @@ boost::shared_ptr<ManagedArrayVector> makeManagedResultVector(std::vector<hvArra
 // Byte vectors are written as bare sequences, without class information.
 #include <boost/serialization/level.hpp>
 BOOST_CLASS_IMPLEMENTATION(std::vector<unsigned char>, boost::serialization::object_serializable)
+
+// Through the polymorphic archives (the exchange's wire), byte vectors are written and read as one
+// block when the archive underneath is binary: the bytes are those of Boost's element-by-element
+// form (count, item version, the bytes), without a virtual call per byte. Other archives go
+// element by element. Found by argument-dependent lookup; they win over Boost's templates.
+namespace boost {
+namespace archive {
+class polymorphic_oarchive;
+class polymorphic_iarchive;
+void serialize(polymorphic_oarchive& ar, std::vector<unsigned char>& bytes, unsigned int version);
+void serialize(polymorphic_iarchive& ar, std::vector<unsigned char>& bytes, unsigned int version);
+} // namespace archive
+} // namespace boost

@@ -2,12 +2,49 @@
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/fcncmdrequest.hpp>
+#include <quorl/cmddistributor/fennlock.hpp>
 #include <quorl/utils/fennmutex.hpp>
 
 #include <boost/make_shared.hpp>
 
+#include <memory>
+
 namespace quorl {
 namespace cmddistributor {
+
+namespace {
+
+// The array of a destruction posted to its context: the task destroys it on the interpreter
+// thread; a task dropped without running (its context stopped with it queued, or it could not be
+// queued) destroys it where it is dropped, under the fenn mutex.
+class PendingDestruction {
+public:
+    PendingDestruction(boost::function<void(const hvArray*)> destroy, const hvArray* array)
+        : destroy_(std::move(destroy)), array_(array) {}
+    PendingDestruction(const PendingDestruction&) = delete;
+    PendingDestruction& operator=(const PendingDestruction&) = delete;
+    ~PendingDestruction() {
+        if (!array_)
+            return;
+        detail::FennLock lock;
+        try {
+            destroy_(array_);
+        } catch (...) {
+            // A destructor must not throw; the array is given up.
+        }
+    }
+    void run() {
+        const hvArray* array = array_;
+        array_ = nullptr;
+        destroy_(array);
+    }
+
+private:
+    boost::function<void(const hvArray*)> destroy_;
+    const hvArray* array_;
+};
+
+} // namespace
 
 HvArrayDeleter::HvArrayDeleter(bool contextBound,
                                const boost::function<void(const hvArray*)>& destroyFunction)
@@ -49,20 +86,17 @@ void HvArrayDeleter::operator()(const hvArray* array) const {
         return;
     }
     // The array dies on its own context's interpreter thread, in order with that context's work.
-    boost::function<void(const hvArray*)> destroy = destroyFunction_;
+    auto pending = std::make_shared<PendingDestruction>(destroyFunction_, array);
     auto request = boost::make_shared<::cmddistributor::FcnCmdRequest<void>>(
-        [destroy, array] { destroy(array); }, boost::shared_ptr<quorl::io::VeldraSink>(),
+        [pending] { pending->run(); }, boost::shared_ptr<quorl::io::VeldraSink>(),
         boost::shared_ptr<quorl::io::VeldraSink>());
     try {
         ::cmddistributor::CmdDistributor::instance(owner)->enqueue(request,
                                                                    WhenToDequeue::DequeueLegacy);
     } catch (...) {
-        // No way to the owning context (it is gone, or the process is stopping): the array dies
-        // here under the fenn mutex rather than being lost, and a deleter never throws for it.
-        request.reset();
-        fenn_acquire_mutex();
-        destroyFunction_(array);
-        fenn_release_mutex();
+        // No way to the owning context (it is gone, or the process is stopping): dropping the
+        // task destroys the array here under the fenn mutex rather than losing it, and a deleter
+        // never throws for it.
     }
 }
 

@@ -5,7 +5,9 @@
 //   - not context-bound, or null: destroyFunction runs here, with no lock;
 //   - context-bound, no real context ever set: destroyFunction runs here under the fenn mutex;
 //   - context-bound with a real context: the destruction is posted as a packaged task to that
-//     context's distributor, and runs on its interpreter thread.
+//     context's distributor, and runs on its interpreter thread; a task that is dropped without
+//     running (its context stopped with it queued) destroys the array where it is dropped, under
+//     the fenn mutex.
 //
 // A value type; copies take the fields as they stand. set() is an atomic exchange, so an
 // interpreter thread may set the context while other threads hold copies. The call operator

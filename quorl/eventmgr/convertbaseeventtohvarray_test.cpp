@@ -2,17 +2,31 @@
 
 #include <quorl/eventmgr/convertbaseeventtohvarray.hpp>
 
+#include <quorl/cmddistributor/debugloopevent.hpp>
+#include <quorl/cmddistributor/defaultiipstateevent.hpp>
+#include <quorl/cmddistributor/fevalcompletedevent.hpp>
 #include <quorl/cmddistributor/iipcompletedevent.hpp>
+#include <quorl/cmddistributor/iipsinkevent.hpp>
+#include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
 #include <quorl/eventmgr/preshutdownevent.hpp>
+#include <quorl/eventmgr/tarnshutdownevent.hpp>
+#include <quorl/io/sinktextevent.hpp>
+
+#include <tests/support/archivetesting.hpp>
 
 #include <foundation/msg_svc/eventmgr/typeinformation.hpp>
 #include <hv/hvarray.hpp>
 
+#include <boost/property_tree/ptree.hpp>
+#include <boost/property_tree/xml_parser.hpp>
 #include <boost/serialization/base_object.hpp>
 #include <boost/serialization/vector.hpp>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <memory>
+#include <sstream>
 #include <vector>
 
 using foundation::msg_svc::eventmgr::BaseEvent;
@@ -62,6 +76,49 @@ std::string errorOf(const hvArray* s) {
     if (hvGetClassID(s) != hvSTRUCT_CLASS || hvGetFieldNumber(s, "ERROR") < 0)
         return "(no error)";
     return hvArrayToStdString(hvGetField(s, 0, "ERROR"));
+}
+
+// Whether an XML element puts anything into the array: a null pointer (class id -1) stores
+// nothing, and neither does an element whose inner elements all store nothing.
+bool storesSomething(boost::property_tree::ptree const& element) {
+    if (element.get("<xmlattr>.class_id", std::string()) == "-1")
+        return false;
+    bool inner = false;
+    for (auto const& child : element) {
+        if (child.first == "<xmlattr>")
+            continue;
+        if (storesSomething(child.second))
+            return true;
+        inner = true;
+    }
+    return !inner;
+}
+
+// The names of the elements below `element` that store something, each once, in document order.
+std::vector<std::string> childNames(boost::property_tree::ptree const& element) {
+    std::vector<std::string> names;
+    for (auto const& child : element)
+        if (child.first != "<xmlattr>" && storesSomething(child.second) &&
+            std::find(names.begin(), names.end(), child.first) == names.end())
+            names.push_back(child.first);
+    return names;
+}
+
+// Checks that `array` has the XML element's children as its fields, in order, at every level
+// where a name stands once and its value is a struct.
+void expectSameShape(boost::property_tree::ptree const& element, const hvArray* array,
+                     std::string const& path) {
+    std::vector<std::string> names = childNames(element);
+    if (names.empty())
+        return;
+    ASSERT_NE(array, nullptr) << path;
+    ASSERT_EQ(hvGetClassID(array), hvSTRUCT_CLASS) << path << ": " << errorOf(array);
+    EXPECT_EQ(fieldNames(array), names) << path;
+    for (std::string const& name : names) {
+        const hvArray* field = hvGetField(array, 0, name.c_str());
+        if (element.count(name) == 1 && field && hvGetClassID(field) == hvSTRUCT_CLASS)
+            expectSameShape(element.get_child(name), field, path + "." + name);
+    }
 }
 
 } // namespace
@@ -121,4 +178,39 @@ TEST(ConvertBaseEventToHvArray, ContainersCollectValuesAndFailuresAreReportedInT
               std::string::npos)
         << text;
     EXPECT_EQ(text.rfind("quorl::tarnshutdown::PreShutdownEvent", 0), 0u) << text;
+}
+
+TEST(ConvertBaseEventToHvArray, EveryEventClassOfTheLibraryHasItsPairNamesAsFields) {
+    using namespace cmddistributor;
+    using foundation::msg_svc::exchange::IDType;
+    RuntimeException error(quorl::cmddistributor::ExecutionError, u"bad value", "test:bad", "f",
+                           {RuntimeException::StackFrame(u"f.qrl", "f", 3),
+                            RuntimeException::StackFrame(u"g.qrl", "g", 7)},
+                           {});
+    std::vector<std::unique_ptr<BaseEvent>> events;
+    events.emplace_back(new IIPStartedEvent(IDType()));
+    events.emplace_back(new IIPSuspendedEvent(IDType()));
+    events.emplace_back(new IIPResumedEvent(IDType()));
+    events.emplace_back(new IIPDiscardedEvent(IDType()));
+    events.emplace_back(new IIPRequeuedEvent(IDType()));
+    events.emplace_back(new IIPReactivatedEvent(IDType()));
+    events.emplace_back(new BaseCompletedEventType(IDType()));
+    events.emplace_back(new IIPCompletedEvent(IDType(), error));
+    events.emplace_back(
+        new FEvalCompletedEvent(IDType(), std::vector<std::vector<std::uint8_t>>{{1, 2}, {3}}));
+    events.emplace_back(new PackagedTaskCompletedEvent(IDType(), error));
+    events.emplace_back(new IIPSinkEvent(IDType(), quorl::io::ErrorStream, u"text"));
+    events.emplace_back(new DebugLoopEvent(DebugLoopEvent::Entered, quorl::prompt::DebugPrompt));
+    events.emplace_back(new quorl::eventmgr::TARNShutdownEvent());
+    events.emplace_back(new quorl::io::SinkTextEvent(quorl::io::OutputStream, u"shown"));
+    for (auto const& event : events) {
+        BaseEvent const* p = event.get();
+        std::string const type = typeid(*p).name();
+        SCOPED_TRACE(type);
+        std::istringstream xml(quorl_testing::write(quorl_testing::Family::Xml, p));
+        boost::property_tree::ptree tree;
+        boost::property_tree::read_xml(xml, tree);
+        HvArrayPtr a = convertBaseEventToHvArray(*event);
+        expectSameShape(tree.get_child("boost_serialization.object"), a.get(), type);
+    }
 }

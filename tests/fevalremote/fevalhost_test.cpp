@@ -6,6 +6,7 @@
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
 #include <quorl/cmddistributor/fcncmdrequest.hpp>
+#include <quorl/cmddistributor/fevalcall.hpp>
 #include <quorl/cmddistributor/fevalcmdrequest.hpp>
 
 #include <boost/make_shared.hpp>
@@ -198,4 +199,40 @@ TEST_F(FEvalHostTest, ABoundArgumentDiesOnItsInterpreterThreadOthersWhereTheyAre
     }
     EXPECT_EQ(settle(boundFuture), interpreterThread);
     EXPECT_NE(settle(unboundFuture), std::thread::id());
+}
+
+TEST_F(FEvalHostTest, TypedCallsConvertValuesBothWaysAndReportWrongTypesWithTheirTexts) {
+    quorl::cmddistributor::FEvalCall feval(CmdDistributor::instance(kFenn), kTarn, kTarn);
+    auto total = feval.call<double>("sum", std::vector<double>{1, 2, 3.5});
+    EXPECT_EQ(settle(total), 6.5);
+    auto upper = feval.call<std::string>("upper", std::string("abc"));
+    EXPECT_EQ(settle(upper), "ABC");
+    HvArrayPtr matrix = matrix::detail::create_numeric(hvDOUBLE_CLASS, 2, 3);
+    auto size =
+        feval.call<std::tuple<double, double>>("size", static_cast<const hvArray*>(matrix.get()));
+    EXPECT_EQ(settle(size), std::make_tuple(2.0, 3.0));
+    auto row = feval.call<std::vector<double>>("cumsum", std::vector<double>{1, 2, 3});
+    EXPECT_EQ(settle(row), (std::vector<double>{1, 3, 6}));
+    auto edi = feval.call<Array>("power", Array::createScalar(2.0), Array::createScalar(3.0));
+    EXPECT_EQ(settle(edi), Array::createScalar(8.0));
+    auto ignored = feval.call<quorl::cmddistributor::IgnoreVariadicReturn>("tic");
+    EXPECT_NO_THROW(settle(ignored));
+
+    auto wrongType = feval.call<double>("upper", std::string("abc"));
+    try {
+        settle(wrongType);
+        FAIL() << "a char result was taken as a double";
+    } catch (std::runtime_error const& e) {
+        EXPECT_STREQ(
+            e.what(),
+            "Unexpected hvArray type returned from feval.  Expected double but found char.");
+    }
+    auto wrongSize = feval.call<double>("cumsum", std::vector<double>{1, 2});
+    try {
+        settle(wrongSize);
+        FAIL() << "a row was taken as a scalar";
+    } catch (std::runtime_error const& e) {
+        EXPECT_STREQ(e.what(), "Incorrect hvArray size returned from feval.  Expected size >= 1 "
+                               "and size <= 1 but size == 2.");
+    }
 }

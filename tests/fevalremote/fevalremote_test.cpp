@@ -5,6 +5,7 @@
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
+#include <quorl/cmddistributor/fevalcall.hpp>
 #include <quorl/cmddistributor/fevalcmdrequest.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/extstring/extstring.hpp>
@@ -14,10 +15,14 @@
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/zmqtransport.hpp>
 
+#include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/future.hpp>
 
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
 
 #include <unistd.h>
 
@@ -69,7 +74,8 @@ boost::shared_ptr<const hvArray> arg(hvArray* a) {
 
 class FEvalRemoteTest : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { startServer(); }
+    void startServer() {
         endpoint_ = "ipc://" + dir_.path() + "/feval";
         server_ = std::make_unique<ServerProcess>(QUORL_FEVAL_SERVER,
                                                   std::vector<std::string>{"--listen", endpoint_});
@@ -79,11 +85,13 @@ protected:
             FennID{0}, endpoint_, boost::none,
             quorl::eventmgr::createRemoteEventMgr(endpoint_, boost::none, boost::none));
     }
-    void TearDown() override {
+    void TearDown() override { stopServer(); }
+    void stopServer() {
         distributor_.reset();
         if (server_) {
             server_->signal(SIGTERM);
             server_->wait();
+            server_.reset();
         }
     }
 
@@ -166,10 +174,50 @@ TEST_F(FEvalRemoteTest, ArgumentsAndResultsCrossInBothFormsAndErrorsKeepTheirSta
         EXPECT_EQ(e.getStackFrames().front().func, "fails");
     }
 
+    // Typed calls take the same road.
+    quorl::cmddistributor::FEvalCall feval(distributor_, kClientTarn, kServerTarn);
+    auto total = feval.call<double>("sum", std::vector<double>{1, 2, 3.5});
+    EXPECT_EQ(settle(total), 6.5);
+    auto sizes = feval.call<std::tuple<double, double>>("size", std::string("four"));
+    EXPECT_EQ(settle(sizes), std::make_tuple(1.0, 4.0));
+    auto power = feval.call<Array>("power", Array::createScalar(2.0), Array::createScalar(5.0));
+    EXPECT_EQ(settle(power), Array::createScalar(32.0));
+
     // An object cannot travel: it comes back as a reference to the server's object.
     Results box = call("RefBox", 1, {arg(hvCreateDoubleScalar(3)), arg(hvCreateString("b"))});
     ASSERT_EQ(box->size(), 1u);
     EXPECT_TRUE(quorl::matrixref::refIsRef((*box)[0].get()));
     EXPECT_TRUE(
         quorl::matrixref::refIsRemoteRef(HvArrayPtr(hvCreateSharedDataCopy((*box)[0].get()))));
+}
+
+// The server's serializer can write double scalars only, as the real one cannot write an array
+// beyond its message limit: a char result goes out with an empty payload, the client's reading
+// stops there, and its future reports the result as too large.
+TEST_F(FEvalRemoteTest, AResultTheServersSerializerCannotWriteArrivesAsThe2GBError) {
+    stopServer();
+    namespace fs = boost::filesystem;
+    fs::path const root = fs::path(dir_.path()) / "plugins";
+    fs::path const folder = root / "bin" / "win64" / "serializer_plugins";
+    fs::create_directories(folder);
+    std::ofstream((folder / "failing.manifest").string())
+        << "bundle.library=" << FEVAL_FAILING_SERIALIZER
+        << "\nzn.serialization.for_type=foundation::extdata::Array"
+           "\nzn.serialization.method=protobuf\n";
+    ::setenv("FEVAL_PLUGIN_ROOT", root.c_str(), 1);
+    startServer();
+    ::unsetenv("FEVAL_PLUGIN_ROOT");
+
+    eval(u"defined = 1;\nfunction [t, n] = textAndNumber()\n  t = 'too large';\n  n = 1;\nend\n");
+    auto withText = boost::make_shared<EdiCall>("textAndNumber", 2, std::vector<Array>{}, nullptr,
+                                                nullptr, kClientTarn, kServerTarn);
+    auto future = distributor_->enqueueWithFuture(withText);
+    try {
+        settle(future);
+        FAIL() << "a result the serializer could not write arrived";
+    } catch (RuntimeException const& e) {
+        EXPECT_EQ(e.GetUnicodeMessageTxt(),
+                  u"Error: At least one return argument is larger than 2 GB.");
+        EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionCommunicationError);
+    }
 }

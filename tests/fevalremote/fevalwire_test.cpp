@@ -5,6 +5,7 @@
 #include <quorl/cmddistributor/fevalcmdrequest.hpp>
 
 #include <foundation/cppmicroservices/framework.hpp>
+#include <foundation/msg_svc/serialization/guardediarchive.hpp>
 
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 
 using namespace cmddistributor;
@@ -63,6 +65,34 @@ TEST(EDIDataWrapper, CopiesItsVectorAndRoundTripsAsAPayloadList) {
     EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, w)),
               (std::vector<std::string>{"object", "NoOfElement", "PayLoadLength", "PayLoadLength",
                                         "PayLoadLength"}));
+}
+
+// From another process, a payload length beyond the bytes that arrived is a short read, not an
+// allocation of that length.
+TEST(EDIDataWrapper, APayloadLengthBeyondTheBytesIsAShortRead) {
+    useInstalledPlugins();
+    EDIDataWrapper one(std::vector<Array>{Array::createChar(u"payload")});
+    std::string bytes = quorl_testing::write(Family::PolyBinary, one);
+    // The last payload's length stands in the 8 bytes before it.
+    std::size_t at = bytes.size();
+    for (std::size_t p = bytes.size() - 8; p-- > 0;) {
+        std::uint64_t n = 0;
+        std::memcpy(&n, &bytes[p], sizeof n);
+        if (p + 8 + n == bytes.size()) {
+            at = p;
+            break;
+        }
+    }
+    ASSERT_LT(at, bytes.size());
+    std::uint64_t const huge = std::uint64_t(1) << 40;
+    std::memcpy(&bytes[at], &huge, sizeof huge);
+    foundation::msg_svc::serialization::GuardedIArchive::Buffer buffer(bytes.data(), bytes.size());
+    std::istream in(&buffer);
+    foundation::msg_svc::serialization::PolymorphicGuardedIArchive archive(in);
+    EDIDataWrapper back;
+    EXPECT_THROW(static_cast<boost::archive::polymorphic_iarchive&>(archive) >>
+                     boost::serialization::make_nvp("object", back),
+                 boost::archive::archive_exception);
 }
 
 TEST(FEvalCompletedEvent, SavesEachAlternativeByTheWireMappingAndClonesIndependently) {
