@@ -10,6 +10,7 @@
 #include <boost/archive/polymorphic_xml_iarchive.hpp>
 #include <boost/archive/polymorphic_xml_oarchive.hpp>
 #include <boost/serialization/nvp.hpp>
+#include <boost/shared_ptr.hpp>
 
 #include <functional>
 #include <regex>
@@ -120,6 +121,15 @@ void read(Family f, std::string const& bytes, T& value, char const* name = "obje
     }
     }
 #undef nvp
+}
+
+// Writes `value` through a pointer to its base class Base and reads back a new object of the
+// type the archive names, as a T (null when it is not one).
+template <class Base, class T> boost::shared_ptr<T> roundTripThroughBase(Family f, T const& value) {
+    Base const* p = &value;
+    Base* back = nullptr;
+    read(f, write(f, p), back);
+    return boost::dynamic_pointer_cast<T>(boost::shared_ptr<Base>(back));
 }
 
 // The names of the XML elements in document order, without the archive's own root element.
