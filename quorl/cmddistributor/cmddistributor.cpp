@@ -87,10 +87,9 @@ void CmdDistributor::RequestTracking::setValue(IIPCompletedEvent const& event) {
 }
 
 void CmdDistributor::RequestTracking::setException(boost::exception_ptr const& exception) {
-    if (promise_)
-        promise_->setException(exception);
-    if (continuation_)
-        continuation_();
+    // The exception is looked at before the client can have it: rethrowing copies the exception
+    // object, and Boost counts the copies of its error information without atomics, so two
+    // threads must not rethrow the same exception at once.
     bool cancelledBefore = exception == alreadyCancelledExceptionPtr();
     if (!cancelledBefore) {
         try {
@@ -100,6 +99,10 @@ void CmdDistributor::RequestTracking::setException(boost::exception_ptr const& e
         } catch (...) {
         }
     }
+    if (promise_)
+        promise_->setException(exception);
+    if (continuation_)
+        continuation_();
     if (cancelledBefore)
         cancelStatus_.store(CancelDone);
     answerCancel(cancelStatus_.load());
