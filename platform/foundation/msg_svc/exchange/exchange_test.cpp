@@ -17,6 +17,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -101,6 +102,10 @@ struct Gate {
         std::unique_lock<std::mutex> l(m);
         cv.wait(l, [&] { return open; });
     }
+    bool waitFor(std::chrono::seconds limit) {
+        std::unique_lock<std::mutex> l(m);
+        return cv.wait_for(l, limit, [&] { return open; });
+    }
 };
 
 class GateMessage : public Message {
@@ -124,6 +129,80 @@ public:
             Address(ex->getExchangeName(), Address::SpecializedQueues::unordered()));
         return f.get();
     }
+};
+
+// Gates by number, for messages that cross an exchange: a delivery of WaitMessage(n) blocks until
+// OpenMessage(n) has been delivered.
+struct NumberedGates {
+    std::mutex m;
+    std::map<int, std::shared_ptr<Gate>> gates;
+    std::shared_ptr<Gate> at(int n) {
+        std::lock_guard<std::mutex> lock(m);
+        auto& g = gates[n];
+        if (!g)
+            g = std::make_shared<Gate>();
+        return g;
+    }
+};
+NumberedGates numberedGates;
+
+class WaitMessage : public Message {
+public:
+    explicit WaitMessage(int n = 0) : n_(n) {}
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        numberedGates.at(n_)->wait();
+        return boost::make_shared<TestReply>(n_);
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A> void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("message",
+                                           boost::serialization::base_object<Message>(*this));
+        ar& boost::serialization::make_nvp("n", n_);
+    }
+    int n_;
+};
+
+class OpenMessage : public Message {
+public:
+    OpenMessage() = default;
+    explicit OpenMessage(std::vector<int> n) : n_(std::move(n)) {}
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        for (int n : n_)
+            numberedGates.at(n)->release();
+        return Reply::defaultReply();
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A> void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("message",
+                                           boost::serialization::base_object<Message>(*this));
+        ar& boost::serialization::make_nvp("n", n_);
+    }
+    std::vector<int> n_;
+};
+
+// Stops an exchange from its delivery, then opens gate `n`.
+ExchangeApi* stopTarget = nullptr;
+class StopMessage : public Message {
+public:
+    explicit StopMessage(int n = 0) : n_(n) {}
+    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
+        stopTarget->stop();
+        numberedGates.at(n_)->release();
+        return Reply::defaultReply();
+    }
+
+private:
+    friend class boost::serialization::access;
+    template <class A> void serialize(A& ar, unsigned) {
+        ar& boost::serialization::make_nvp("message",
+                                           boost::serialization::base_object<Message>(*this));
+        ar& boost::serialization::make_nvp("n", n_);
+    }
+    int n_;
 };
 
 struct TestActorApi {
@@ -195,6 +274,9 @@ Address own(std::string const& queue = Address::SpecializedQueues::noqueue()) {
 BOOST_CLASS_EXPORT(TestReply)
 BOOST_CLASS_EXPORT(EchoMessage)
 BOOST_CLASS_EXPORT(BlocksMessage)
+BOOST_CLASS_EXPORT(WaitMessage)
+BOOST_CLASS_EXPORT(OpenMessage)
+BOOST_CLASS_EXPORT(StopMessage)
 
 TEST(Exchange, DeliversInOrderOnTheDeliveryThreadAndAnswers) {
     auto ex = ExchangeApi::instance();
@@ -468,6 +550,93 @@ TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
     client->stop();
     server->stop();
     std::filesystem::remove_all(dir);
+}
+
+TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOrder) {
+    // A delivery may run on the thread that read its frame, once another thread reads instead;
+    // the threads that may do so are few, so later ones go to the lanes.
+    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
+    ASSERT_TRUE(::mkdtemp(dirTemplate));
+    std::string const dir = dirTemplate;
+    ExchangeConfig serverConfig, clientConfig;
+    serverConfig.name = "ipc://" + dir + "/blocking";
+    serverConfig.transport = makeZmqTransport();
+    clientConfig.name = "zmq-blocking-client";
+    clientConfig.transport = makeZmqTransport();
+    auto server = ExchangeApi::create(serverConfig);
+    auto client = ExchangeApi::create(clientConfig);
+    Address const ordered(serverConfig.name, Address::SpecializedQueues::noqueue());
+    Address const unordered(serverConfig.name, Address::SpecializedQueues::unordered());
+    auto const ready = [](auto& f) {
+        return f.wait_for(boost::chrono::seconds(10)) == boost::future_status::ready;
+    };
+
+    auto stuck = client->submitWithReply(boost::make_shared<WaitMessage>(1), ordered);
+    auto behind = client->submitWithReply(boost::make_shared<EchoMessage>(5), ordered);
+    std::vector<boost::unique_future<boost::shared_ptr<Reply const>>> waiting;
+    std::vector<int> numbers;
+    for (int n = 100; n < 120; ++n) {
+        numbers.push_back(n);
+        waiting.push_back(client->submitWithReply(boost::make_shared<WaitMessage>(n), unordered));
+    }
+    // Twenty blocked deliveries later, frames are still read and delivered...
+    auto echo = client->submitWithReply(boost::make_shared<EchoMessage>(6), unordered);
+    ASSERT_TRUE(ready(echo));
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(echo.get())->value, 60);
+    // ...but nothing overtakes the blocked delivery on the ordered queue.
+    EXPECT_FALSE(behind.is_ready());
+    auto opened = client->submitWithReply(boost::make_shared<OpenMessage>(numbers), unordered);
+    ASSERT_TRUE(ready(opened));
+    for (std::size_t i = 0; i < waiting.size(); ++i) {
+        ASSERT_TRUE(ready(waiting[i]));
+        EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(waiting[i].get())->value,
+                  numbers[i]);
+    }
+    EXPECT_FALSE(behind.is_ready());
+    client->submitWithReply(boost::make_shared<OpenMessage>(std::vector<int>{1}), unordered).get();
+    ASSERT_TRUE(ready(stuck));
+    ASSERT_TRUE(ready(behind));
+    EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(behind.get())->value, 50);
+
+    // An exchange stopped by a delivery its transport's thread runs ends cleanly.
+    stopTarget = server.get();
+    client->submit(boost::make_shared<StopMessage>(3), unordered);
+    ASSERT_TRUE(numberedGates.at(3)->waitFor(seconds(10)));
+    server.reset();
+    client->stop();
+    std::filesystem::remove_all(dir);
+}
+
+TEST(SerialLane, AClaimedLaneRunsLaterJobsOnlyAfterTheClaimIsReleased) {
+    detail::SerialLane lane;
+    ASSERT_TRUE(lane.tryClaim());
+    EXPECT_FALSE(lane.tryClaim());
+    std::promise<void> ran;
+    auto done = ran.get_future();
+    std::atomic<bool> released{false};
+    std::atomic<bool> orderKept{false};
+    lane.post([&] {
+        orderKept = released.load();
+        ran.set_value();
+    });
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    released = true;
+    lane.release();
+    done.get();
+    EXPECT_TRUE(orderKept.load());
+    // Busy with queued work: no claim.
+    std::promise<void> hold;
+    auto held = hold.get_future().share();
+    std::promise<void> started;
+    lane.post([&] {
+        started.set_value();
+        held.wait();
+    });
+    started.get_future().get();
+    EXPECT_FALSE(lane.tryClaim());
+    hold.set_value();
+    lane.stop();
+    EXPECT_FALSE(lane.tryClaim());
 }
 
 TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {

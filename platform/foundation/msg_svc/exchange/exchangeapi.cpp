@@ -23,6 +23,7 @@ namespace msg_svc {
 namespace exchange {
 
 namespace log = foundation::core::log;
+using detail::InlineSlot;
 
 namespace {
 
@@ -253,12 +254,40 @@ private:
                 actor = it->second;
         }
         LocalDelivery job{{}, message, queue, source, done, actor, bool(actor)};
+        if (InlineSlot* slot = InlineSlot::current()) {
+            if (runInline(*slot, std::move(job), actor, unordered))
+                return;
+        }
         bool posted = actor       ? actor->lane.post(std::move(job))
                       : unordered ? unordered_.post(std::move(job))
                                   : ordered_.post(std::move(job));
         if (!posted)
             fail(done,
                  boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
+    }
+
+    // Leaves `job` to the transport thread that offered `slot`: it runs the job once another
+    // thread reads in its place, with no lane thread to wake. A serial lane is claimed for it, so
+    // jobs that arrive meanwhile queue behind it. False if the lane is busy (then post as usual).
+    bool runInline(InlineSlot& slot, LocalDelivery&& job, std::shared_ptr<Actor> const& actor,
+                   bool unordered) {
+        detail::SerialLane* lane = unordered ? nullptr : actor ? &actor->lane : &ordered_;
+        if (!slot.empty() || (lane && !lane->tryClaim()))
+            return false;
+        std::shared_ptr<Actor> keep = actor; // a claimed actor lane outlives the job
+        return slot.offer([this, job = std::move(job), lane, keep] {
+            struct Restore {
+                ExchangeApi::Impl const* previous;
+                detail::SerialLane* lane;
+                ~Restore() {
+                    tlsDeliveringFor = previous;
+                    if (lane)
+                        lane->release();
+                }
+            } restore{tlsDeliveringFor, lane};
+            tlsDeliveringFor = this;
+            job();
+        });
     }
 
     void sendRemote(boost::shared_ptr<Message const> const& message, Address const& address,

@@ -14,6 +14,29 @@ void finish(std::thread& t) {
         t.join();
 }
 
+namespace {
+thread_local InlineSlot* tlsSlot = nullptr;
+}
+
+InlineSlot* InlineSlot::current() {
+    return tlsSlot;
+}
+
+bool InlineSlot::offer(Job&& job) {
+    if (job_)
+        return false;
+    job_ = std::move(job);
+    return true;
+}
+
+InlineSlot::Scope::Scope(InlineSlot* slot) : previous_(tlsSlot) {
+    tlsSlot = slot;
+}
+
+InlineSlot::Scope::~Scope() {
+    tlsSlot = previous_;
+}
+
 SerialLane::SerialLane(std::function<void()> onStart) : onStart_(std::move(onStart)) {
     thread_ = std::thread([this] { run(); });
     threadId_ = thread_.get_id();
@@ -33,6 +56,25 @@ bool SerialLane::post(Job job) {
     }
     wake_.notify_one();
     return true;
+}
+
+bool SerialLane::tryClaim() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_ || claimed_ || !queue_.empty())
+        return false;
+    claimed_ = true;
+    return true;
+}
+
+void SerialLane::release() {
+    bool queued;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        claimed_ = false;
+        queued = !queue_.empty();
+    }
+    if (queued)
+        wake_.notify_one();
 }
 
 void SerialLane::stop() {
@@ -56,10 +98,11 @@ void SerialLane::run() {
         spinBriefly([this] { return hasWork_.load(std::memory_order_acquire); });
         {
             std::unique_lock<std::mutex> lock(mutex_);
-            wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+            wake_.wait(lock, [this] { return stopping_ || (!queue_.empty() && !claimed_); });
             if (stopping_)
                 return;
             batch.swap(queue_);
+            claimed_ = true;
             hasWork_.store(false, std::memory_order_relaxed);
         }
         for (auto& job : batch) {
@@ -70,6 +113,8 @@ void SerialLane::run() {
             job = nullptr;
         }
         batch.clear();
+        std::lock_guard<std::mutex> lock(mutex_);
+        claimed_ = false;
     }
 }
 

@@ -7,6 +7,10 @@
 // when none is idle, so jobs overtake one another and may block without stalling the lane.
 // Both: post() from any thread; stop() discards jobs not yet started and joins the threads,
 // unless the process is terminating, in which case the threads are abandoned.
+// InlineSlot: a thread that hands received frames to the exchange (a transport thread) may offer
+// to run one delivery itself afterwards, once another thread has taken over the reading; the
+// delivery then needs no wake-up of a lane thread. A serial lane's job run that way is claimed
+// first (tryClaim), so that jobs posted after it wait for it and order is kept.
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -28,6 +32,10 @@ public:
     ~SerialLane();
     // False if the lane is stopped; the job is then not run.
     bool post(Job job);
+    // Lets the caller run the next job of the lane itself: true if the lane was idle with nothing
+    // queued, and then jobs posted later wait until release(). False if it is busy or stopped.
+    bool tryClaim();
+    void release();
     void stop();
     bool onLaneThread() const { return std::this_thread::get_id() == threadId_; }
 
@@ -39,6 +47,7 @@ private:
     std::vector<Job> queue_;
     std::atomic<bool> stopping_{false}; // read without the lock between the jobs of a batch
     std::atomic<bool> hasWork_{false};  // a lock-free view of stopping_ || !queue_.empty()
+    bool claimed_ = false; // a thread (the lane's own, or a claimer) runs the lane's jobs
     std::thread thread_;
     std::thread::id threadId_;
 };
@@ -71,6 +80,31 @@ private:
     unsigned idle_ = 0;
     bool stopping_ = false;
     std::vector<std::thread> threads_;
+};
+
+class InlineSlot {
+public:
+    // The slot the calling thread offers, or null.
+    static InlineSlot* current();
+    // Takes the job if the slot is empty; false otherwise (the caller then posts it).
+    bool offer(Job&& job);
+    Job take() { return std::move(job_); }
+    bool empty() const { return !job_; }
+
+    // Makes `slot` the calling thread's slot for its lifetime.
+    class Scope {
+    public:
+        explicit Scope(InlineSlot* slot);
+        ~Scope();
+        Scope(Scope const&) = delete;
+        Scope& operator=(Scope const&) = delete;
+
+    private:
+        InlineSlot* previous_;
+    };
+
+private:
+    Job job_;
 };
 
 // Joins `t`, or detaches it when the process is terminating.

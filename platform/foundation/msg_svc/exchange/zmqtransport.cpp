@@ -1,6 +1,7 @@
 #include <foundation/msg_svc/exchange/zmqtransport.hpp>
 
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/lanes.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
 
@@ -14,6 +15,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -23,6 +25,7 @@
 #include <sstream>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -261,11 +264,9 @@ public:
             closeAll();
             throw;
         }
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            started_ = true;
-        }
-        thread_ = std::thread([this] { run(); });
+        std::lock_guard<std::mutex> lock(mutex_);
+        started_ = true;
+        threads_.emplace_back([this] { run(); });
     }
 
     void send(std::string const& to, std::string const& frame) override {
@@ -300,26 +301,36 @@ public:
     }
 
     void stop() override {
+        std::vector<std::thread> threads;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_)
                 return;
             stopping_ = true;
-            if (!thread_.joinable()) {
+            if (threads_.empty()) {
                 closeAll();
                 return;
             }
             wake();
+            threads.swap(threads_);
+            for (auto const& t : threads)
+                if (t.get_id() == std::this_thread::get_id())
+                    closer_ = t.get_id();
         }
-        if (std::this_thread::get_id() == thread_.get_id()) {
-            // Called from a sink call: the loop ends after it; keep this alive until then.
+        followers_.notify_all();
+        for (auto& t : threads) {
+            if (t.get_id() != std::this_thread::get_id()) {
+                t.join();
+                continue;
+            }
+            // Called from a sink call or a delivery on one of our threads: that thread closes the
+            // sockets when it leaves its loop; keep this alive until then.
             keepAlive_ = shared_from_this();
-            thread_.detach();
-            return;
+            t.detach();
         }
-        thread_.join();
         std::lock_guard<std::mutex> lock(mutex_);
-        closeAll();
+        if (closer_ == std::thread::id())
+            closeAll();
     }
 
     std::vector<std::string> peers() const {
@@ -670,63 +681,123 @@ private:
         return std::max<long>(0, static_cast<long>(ms) + 1);
     }
 
-    // The I/O thread. It waits on the descriptors that signal the data sockets (so that other
-    // threads may send on the sockets meanwhile) and on the monitors, then reads under the
-    // socket lock and calls the sink without it.
+    // The I/O threads take turns: one, the leader, waits on the descriptors that signal the
+    // data sockets (so that other threads may send on the sockets meanwhile) and on the monitors,
+    // reads under the socket lock and hands the frames to the sink without it. A delivery the
+    // sink leaves in the leader's slot is run by the leader itself, after it has passed the
+    // reading on to an idle thread (started if there is none, up to kMaxThreads): the delivery
+    // then waits for no other thread to wake, and may block without stopping the reading.
     void run() {
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                ++idle_;
+                followers_.wait(lock, [this] { return stopping_ || !leading_; });
+                --idle_;
+                if (stopping_)
+                    break;
+                leading_ = true;
+            }
+            detail::Job job = lead();
+            if (!job)
+                break;
+            job();
+        }
+        boost::shared_ptr<ZmqTransport> self; // dies after the lock is released
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (closer_ == std::this_thread::get_id()) {
+            self = std::move(keepAlive_);
+            closeAll();
+        }
+    }
+
+    // Passes the lead to an idle thread (to be notified once mutex_ is released: `notify`), or to
+    // a new one (under mutex_); false if neither can be had.
+    bool handOver(bool& notify) {
+        if (idle_ > 0) {
+            notify = true;
+            return true;
+        }
+        try {
+            threads_.emplace_back([this] { run(); });
+            return true;
+        } catch (std::system_error const& e) {
+            ZN_LOG(logger(), log::warning) << name_ << ": no thread to read with: " << e.what();
+            return false;
+        }
+    }
+
+    // Leads until stopped (returns null) or until the sink left a delivery to run (returns it,
+    // with the lead given up).
+    detail::Job lead() {
         std::vector<zmq::pollitem_t> items;
         std::vector<Peer*> order;
         std::vector<Received> received;
         std::vector<std::pair<std::string, boost::exception_ptr>> failed;
-        bool more = false; // input left on a socket after a turn: do not wait for a signal
-        while (true) {
-            long timeoutMs;
+        detail::InlineSlot slot;
+        // One lock per turn: read what the sockets hold, drop the peers that failed, and list the
+        // sockets to wait on next; then, without it, hand over what was read, and wait. A send
+        // that changes what must be waited on wakes the wait.
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopping_) {
+            dropFailedPeers();
+            failed.swap(failed_);
+            items.clear();
+            order.clear();
+            items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
+            if (router_) {
+                items.push_back({nullptr, routerFd_, ZMQ_POLLIN, 0});
+                items.push_back({routerMonitor_.handle(), 0, ZMQ_POLLIN, 0});
+            }
+            for (auto& p : peers_) {
+                order.push_back(p.second.get());
+                items.push_back({nullptr, p.second->dealerFd, ZMQ_POLLIN, 0});
+                items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
+            }
+            long const timeoutMs = inputLeft_ || !failed.empty() ? 0 : nextTimeoutMs(Clock::now());
+            bool const canHandOver = idle_ > 0 || threads_.size() < kMaxThreads;
+            lock.unlock();
+
             {
-                // One lock per turn before the poll: drops the peers the last turn failed and
-                // lists the sockets to wait on.
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (stopping_)
-                    break;
-                dropFailedPeers();
-                failed.swap(failed_);
-                items.clear();
-                order.clear();
-                items.push_back({nullptr, wake_, ZMQ_POLLIN, 0});
-                if (router_) {
-                    items.push_back({nullptr, routerFd_, ZMQ_POLLIN, 0});
-                    items.push_back({routerMonitor_.handle(), 0, ZMQ_POLLIN, 0});
-                }
-                for (auto& p : peers_) {
-                    order.push_back(p.second.get());
-                    items.push_back({nullptr, p.second->dealerFd, ZMQ_POLLIN, 0});
-                    items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
-                }
-                timeoutMs = more || !failed.empty() ? 0 : nextTimeoutMs(Clock::now());
+                detail::InlineSlot::Scope offered(canHandOver ? &slot : nullptr);
+                for (auto& r : received)
+                    sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()),
+                                        r.body.size());
             }
-            if (!failed.empty()) {
-                for (auto& f : failed)
-                    sink_->peerFailed(f.first, f.second);
-                failed.clear();
-                std::lock_guard<std::mutex> lock(mutex_);
-                if (stopping_)
-                    break; // stopped from a sink call: nothing more reaches the sink
+            received.clear();
+            for (auto& f : failed)
+                sink_->peerFailed(f.first, f.second);
+            failed.clear();
+            if (!slot.empty()) {
+                bool notify = false;
+                lock.lock();
+                if (stopping_ || handOver(notify)) {
+                    leading_ = false; // stop() joins this thread once the delivery has run
+                    lock.unlock();
+                    if (notify)
+                        followers_.notify_one(); // after the unlock, so that it need not wait
+                    return slot.take();
+                }
+                lock.unlock();
+                slot.take()(); // no thread to read meanwhile: run it and lead on
             }
+
             try {
                 zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
-                std::lock_guard<std::mutex> lock(mutex_);
-                more = turn(items, order, received);
             } catch (std::exception const& e) {
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
             }
-            for (auto& r : received)
-                sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()), r.body.size());
-            received.clear();
+            lock.lock();
+            if (stopping_)
+                break; // stopped meanwhile (perhaps from a sink call): nothing more reaches it
+            try {
+                inputLeft_ = turn(items, order, received);
+            } catch (std::exception const& e) {
+                ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
+            }
         }
-        auto self = std::move(keepAlive_);
-        if (self) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            closeAll();
-        }
+        leading_ = false;
+        return nullptr;
     }
 
     // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.
@@ -815,7 +886,7 @@ private:
     int wake_ = -1;
     bool started_ = false;
     zmq::context_t context_;
-    boost::shared_ptr<ZmqTransport> keepAlive_;
+    boost::shared_ptr<ZmqTransport> keepAlive_; // while a stopped transport's own thread ends
 
     // Guards the sockets (ZeroMQ sockets may change threads between calls with a memory barrier
     // between them, never be used by two at once) and everything below up to peersMutex_.
@@ -833,7 +904,14 @@ private:
     mutable std::mutex peersMutex_; // guards known_
     std::set<std::string> known_;   // a copy of the peers for other threads
 
-    std::thread thread_;
+    // The I/O threads, under mutex_.
+    static constexpr std::size_t kMaxThreads = 8;
+    std::vector<std::thread> threads_;
+    std::condition_variable followers_; // idle threads wait here for the lead
+    std::size_t idle_ = 0;
+    bool leading_ = false;
+    std::thread::id closer_; // a thread of ours that stop() was called on: it closes the sockets
+    bool inputLeft_ = false; // a socket held input after the last turn: do not wait for a signal
 };
 
 } // namespace
