@@ -23,9 +23,11 @@
 // (FrameRefused, thrown by send) and dropped by the receiver without being read into memory.
 //
 // Threads: send() may be called from any thread; it hands the frame to the peer's socket on the
-// calling thread, under the transport's socket lock, and returns. One I/O thread per transport
-// connects, watches the sockets and their monitors, reads what arrives and calls the sink (never
-// under the socket lock).
+// calling thread, under the transport's socket lock, and returns. The transport's I/O threads
+// take turns: one at a time connects, watches the sockets and their monitors, reads what arrives
+// and calls the sink (never under the socket lock), in the order frames arrived. A delivery the
+// exchange leaves to that thread runs after another thread (up to eight in all) has taken over
+// the reading, so it may block without holding up other frames.
 #include <foundation/msg_svc/exchange/transport.hpp>
 
 #include <chrono>
