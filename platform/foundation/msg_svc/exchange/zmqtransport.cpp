@@ -236,6 +236,43 @@ std::string readPublicKeyFile(std::string const& path) {
 
 namespace {
 
+// Threads of transports stopped from one of their own threads, which end on their own shortly
+// after. They are joined by the next thread that makes or stops a transport (or at exit), rather
+// than detached, so that what they did last is seen to have happened by the threads that go on.
+class EndingThreads {
+public:
+    ~EndingThreads() { joinOthers(); }
+    void add(std::thread&& t) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        threads_.push_back(std::move(t));
+    }
+    void joinOthers() {
+        std::vector<std::thread> ending;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            for (auto it = threads_.begin(); it != threads_.end();) {
+                if (it->get_id() == std::this_thread::get_id()) {
+                    ++it;
+                    continue;
+                }
+                ending.push_back(std::move(*it));
+                it = threads_.erase(it);
+            }
+        }
+        for (auto& t : ending)
+            detail::finish(t);
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::thread> threads_;
+};
+
+EndingThreads& endingThreads() {
+    static EndingThreads threads;
+    return threads;
+}
+
 class ZmqTransport : public Transport, public boost::enable_shared_from_this<ZmqTransport> {
 public:
     explicit ZmqTransport(ZmqTransportOptions options) : options_(std::move(options)) {}
@@ -324,10 +361,12 @@ public:
                 continue;
             }
             // Called from a sink call or a delivery on one of our threads: that thread closes the
-            // sockets when it leaves its loop; keep this alive until then.
+            // sockets when it leaves its loop; keep this alive until then. Whoever makes or stops
+            // a transport next joins it.
             keepAlive_ = shared_from_this();
-            t.detach();
+            endingThreads().add(std::move(t));
         }
+        endingThreads().joinOthers();
         std::lock_guard<std::mutex> lock(mutex_);
         if (closer_ == std::thread::id())
             closeAll();
@@ -917,6 +956,7 @@ private:
 } // namespace
 
 boost::shared_ptr<Transport> makeZmqTransport(ZmqTransportOptions const& options) {
+    endingThreads().joinOthers();
     return boost::make_shared<ZmqTransport>(options);
 }
 
