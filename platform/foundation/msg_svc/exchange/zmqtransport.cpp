@@ -723,40 +723,74 @@ private:
     // The I/O threads take turns: one, the leader, waits on the descriptors that signal the
     // data sockets (so that other threads may send on the sockets meanwhile) and on the monitors,
     // reads under the socket lock and hands the frames to the sink without it. A delivery the
-    // sink leaves in the leader's slot is run by the leader itself, after it has passed the
-    // reading on to an idle thread (started if there is none, up to kMaxThreads): the delivery
-    // then waits for no other thread to wake, and may block without stopping the reading.
+    // sink leaves in the leader's slot is run by the leader itself, waking no other thread, while
+    // another thread watches: if the delivery is still running a tick later, the watcher takes
+    // over the reading, so a delivery may block without stopping it. The watcher ticks only while
+    // deliveries come (it goes idle after a quiet spell); while a thread is neither leading nor
+    // watching, it waits to be needed.
     void run() {
-        for (;;) {
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                ++idle_;
-                followers_.wait(lock, [this] { return stopping_ || !leading_; });
-                --idle_;
-                if (stopping_)
-                    break;
-                leading_ = true;
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (!stopping_) {
+            if (leader_ == std::thread::id()) {
+                leader_ = std::this_thread::get_id();
+                lead(lock);
+                continue;
             }
-            detail::Job job = lead();
-            if (!job)
-                break;
-            job();
+            if (!watching_ && (running_ || Clock::now() - lastRun_ < kWatchSpan)) {
+                watching_ = true;
+                bool const tookOver = watch(lock);
+                watching_ = false;
+                if (tookOver)
+                    lead(lock);
+                continue;
+            }
+            ++idle_;
+            followers_.wait(lock);
+            --idle_;
         }
+        if (leader_ == std::this_thread::get_id())
+            leader_ = std::thread::id();
         boost::shared_ptr<ZmqTransport> self; // dies after the lock is released
-        std::lock_guard<std::mutex> lock(mutex_);
         if (closer_ == std::this_thread::get_id()) {
             self = std::move(keepAlive_);
             closeAll();
         }
+        lock.unlock();
     }
 
-    // Passes the lead to an idle thread (to be notified once mutex_ is released: `notify`), or to
-    // a new one (under mutex_); false if neither can be had.
-    bool handOver(bool& notify) {
+    // Ticks while the leader runs deliveries; true once this thread has taken the lead from a
+    // leader whose delivery outlasted a tick. False when stopping, when the lead is free, or
+    // after a quiet spell.
+    bool watch(std::unique_lock<std::mutex>& lock) {
+        std::uint64_t seen = runSerial_;
+        while (!stopping_ && leader_ != std::thread::id()) {
+            followers_.wait_for(lock, kTakeOverAfter);
+            if (stopping_ || leader_ == std::thread::id())
+                return false;
+            if (running_ && runSerial_ == seen) {
+                leader_ = std::this_thread::get_id();
+                running_ = false; // the old leader learns it no longer leads when its run ends
+                wake();           // the sockets may hold input that signalled nobody
+                return true;
+            }
+            if (!running_ && Clock::now() - lastRun_ >= kWatchSpan)
+                return false;
+            seen = runSerial_;
+        }
+        return false;
+    }
+
+    // Makes sure some thread can take over the reading from the leader (under mutex_): the
+    // watcher, an idle thread (woken, outside the lock, when `notify` is set), or a new one.
+    bool canBeWatched(bool& notify) {
+        if (watching_)
+            return true;
         if (idle_ > 0) {
             notify = true;
             return true;
         }
+        if (threads_.size() >= kMaxThreads)
+            return false;
         try {
             threads_.emplace_back([this] { run(); });
             return true;
@@ -766,9 +800,9 @@ private:
         }
     }
 
-    // Leads until stopped (returns null) or until the sink left a delivery to run (returns it,
-    // with the lead given up).
-    detail::Job lead() {
+    // Leads (the caller holds `lock` and is leader_) until stopped or until another thread took
+    // the lead while this one ran a delivery; returns with `lock` held.
+    void lead(std::unique_lock<std::mutex>& lock) {
         std::vector<zmq::pollitem_t> items;
         std::vector<Peer*> order;
         std::vector<Received> received;
@@ -777,7 +811,6 @@ private:
         // One lock per turn: read what the sockets hold, drop the peers that failed, and list the
         // sockets to wait on next; then, without it, hand over what was read, and wait. A send
         // that changes what must be waited on wakes the wait.
-        std::unique_lock<std::mutex> lock(mutex_);
         while (!stopping_) {
             dropFailedPeers();
             failed.swap(failed_);
@@ -794,11 +827,11 @@ private:
                 items.push_back({p.second->monitor.handle(), 0, ZMQ_POLLIN, 0});
             }
             long const timeoutMs = inputLeft_ || !failed.empty() ? 0 : nextTimeoutMs(Clock::now());
-            bool const canHandOver = idle_ > 0 || threads_.size() < kMaxThreads;
+            bool const canRunHere = watching_ || idle_ > 0 || threads_.size() < kMaxThreads;
             lock.unlock();
 
             {
-                detail::InlineSlot::Scope offered(canHandOver ? &slot : nullptr);
+                detail::InlineSlot::Scope offered(canRunHere ? &slot : nullptr);
                 for (auto& r : received)
                     sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()),
                                         r.body.size());
@@ -808,17 +841,26 @@ private:
                 sink_->peerFailed(f.first, f.second);
             failed.clear();
             if (!slot.empty()) {
+                detail::Job job = slot.take();
                 bool notify = false;
                 lock.lock();
-                if (stopping_ || handOver(notify)) {
-                    leading_ = false; // stop() joins this thread once the delivery has run
-                    lock.unlock();
-                    if (notify)
-                        followers_.notify_one(); // after the unlock, so that it need not wait
-                    return slot.take();
+                bool const watched = !stopping_ && canBeWatched(notify);
+                if (watched) {
+                    running_ = true;
+                    ++runSerial_;
+                    lastRun_ = Clock::now();
                 }
                 lock.unlock();
-                slot.take()(); // no thread to read meanwhile: run it and lead on
+                if (notify)
+                    followers_.notify_one(); // an idle thread becomes the watcher
+                job();
+                lock.lock();
+                if (leader_ != std::this_thread::get_id())
+                    return; // taken over while the delivery ran
+                running_ = false;
+                if (stopping_)
+                    break;
+                lock.unlock();
             }
 
             try {
@@ -835,8 +877,6 @@ private:
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
             }
         }
-        leading_ = false;
-        return nullptr;
     }
 
     // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.
@@ -945,10 +985,16 @@ private:
 
     // The I/O threads, under mutex_.
     static constexpr std::size_t kMaxThreads = 8;
+    static constexpr std::chrono::milliseconds kTakeOverAfter{1};
+    static constexpr std::chrono::milliseconds kWatchSpan{50};
     std::vector<std::thread> threads_;
-    std::condition_variable followers_; // idle threads wait here for the lead
+    std::condition_variable followers_; // threads neither leading nor watching wait here
     std::size_t idle_ = 0;
-    bool leading_ = false;
+    std::thread::id leader_;
+    bool watching_ = false;
+    bool running_ = false;        // the leader runs a delivery
+    std::uint64_t runSerial_ = 0; // deliveries the leaders have started
+    Clock::time_point lastRun_;   // when the last of them started
     std::thread::id closer_; // a thread of ours that stop() was called on: it closes the sockets
     bool inputLeft_ = false; // a socket held input after the last turn: do not wait for a signal
 };
