@@ -255,7 +255,7 @@ private:
         }
         LocalDelivery job{{}, message, queue, source, done, actor, bool(actor)};
         if (InlineSlot* slot = InlineSlot::current()) {
-            if (runInline(*slot, std::move(job), actor, unordered))
+            if (runInline(*slot, std::move(job), bool(actor), unordered))
                 return;
         }
         bool posted = actor       ? actor->lane.post(std::move(job))
@@ -266,16 +266,15 @@ private:
                  boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped")));
     }
 
-    // Leaves `job` to the transport thread that offered `slot`: it runs the job once another
-    // thread reads in its place, with no lane thread to wake. A serial lane is claimed for it, so
-    // jobs that arrive meanwhile queue behind it. False if the lane is busy (then post as usual).
-    bool runInline(InlineSlot& slot, LocalDelivery&& job, std::shared_ptr<Actor> const& actor,
-                   bool unordered) {
-        detail::SerialLane* lane = unordered ? nullptr : actor ? &actor->lane : &ordered_;
-        if (!slot.empty() || (lane && !lane->tryClaim()))
+    // Leaves `job` to the transport thread that offered `slot`: it runs the job itself, with no
+    // lane thread to wake, and another thread takes over its reading should the job block. The
+    // ordered lane is claimed for it, so jobs that arrive meanwhile queue behind it. An actor's
+    // messages stay on the actor's own thread. False if the job is to be posted as usual.
+    bool runInline(InlineSlot& slot, LocalDelivery&& job, bool isActor, bool unordered) {
+        detail::SerialLane* lane = unordered ? nullptr : &ordered_;
+        if (isActor || !slot.empty() || (lane && !lane->tryClaim()))
             return false;
-        std::shared_ptr<Actor> keep = actor; // a claimed actor lane outlives the job
-        return slot.offer([this, job = std::move(job), lane, keep] {
+        return slot.offer([this, job = std::move(job), lane] {
             struct Restore {
                 ExchangeApi::Impl const* previous;
                 detail::SerialLane* lane;

@@ -4,8 +4,9 @@
 // copying; any other exchange is reached through the transport, serialized.
 //
 // Delivery on one's own exchange:
-//  - ordered queues (noqueue() and any name that is neither unordered() nor an actor): one
-//    delivery thread, in order of submission;
+//  - ordered queues (noqueue() and any name that is neither unordered() nor an actor): one at a
+//    time, in order of submission, on the exchange's delivery thread (a message from another
+//    exchange may be delivered by the transport thread that read it, when that is free);
 //  - unordered(): a lane of its own with as many threads as there are blocked deliveries (up to
 //    a bound), so an unordered message overtakes queued ones and may block on replies without
 //    stalling delivery;
