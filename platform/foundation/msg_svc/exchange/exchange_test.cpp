@@ -131,8 +131,7 @@ public:
     }
 };
 
-// Gates by number, for messages that cross an exchange: a delivery of WaitMessage(n) blocks until
-// OpenMessage(n) has been delivered.
+// Gates by number, for messages that cross an exchange.
 struct NumberedGates {
     std::mutex m;
     std::map<int, std::shared_ptr<Gate>> gates;
@@ -146,30 +145,23 @@ struct NumberedGates {
 };
 NumberedGates numberedGates;
 
-class WaitMessage : public Message {
+// Waits at a gate (replying with its number), opens gates, or stops an exchange and then opens
+// gates: WaitMessage(n) is delivered once OpenMessage({n}) has been.
+ExchangeApi* stopTarget = nullptr;
+class GatesMessage : public Message {
 public:
-    explicit WaitMessage(int n = 0) : n_(n) {}
+    enum Action { Wait, Open, StopThenOpen };
+    GatesMessage() = default;
+    GatesMessage(Action action, std::vector<int> gates)
+        : action_(action), gates_(std::move(gates)) {}
     boost::shared_ptr<Reply const> deliver(Routing const&) const override {
-        numberedGates.at(n_)->wait();
-        return boost::make_shared<TestReply>(n_);
-    }
-
-private:
-    friend class boost::serialization::access;
-    template <class A> void serialize(A& ar, unsigned) {
-        ar& boost::serialization::make_nvp("message",
-                                           boost::serialization::base_object<Message>(*this));
-        ar& boost::serialization::make_nvp("n", n_);
-    }
-    int n_;
-};
-
-class OpenMessage : public Message {
-public:
-    OpenMessage() = default;
-    explicit OpenMessage(std::vector<int> n) : n_(std::move(n)) {}
-    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
-        for (int n : n_)
+        if (action_ == Wait) {
+            numberedGates.at(gates_.at(0))->wait();
+            return boost::make_shared<TestReply>(gates_.at(0));
+        }
+        if (action_ == StopThenOpen)
+            stopTarget->stop();
+        for (int n : gates_)
             numberedGates.at(n)->release();
         return Reply::defaultReply();
     }
@@ -179,31 +171,18 @@ private:
     template <class A> void serialize(A& ar, unsigned) {
         ar& boost::serialization::make_nvp("message",
                                            boost::serialization::base_object<Message>(*this));
-        ar& boost::serialization::make_nvp("n", n_);
+        ar& boost::serialization::make_nvp("action", action_);
+        ar& boost::serialization::make_nvp("gates", gates_);
     }
-    std::vector<int> n_;
+    Action action_ = Open;
+    std::vector<int> gates_;
 };
-
-// Stops an exchange from its delivery, then opens gate `n`.
-ExchangeApi* stopTarget = nullptr;
-class StopMessage : public Message {
-public:
-    explicit StopMessage(int n = 0) : n_(n) {}
-    boost::shared_ptr<Reply const> deliver(Routing const&) const override {
-        stopTarget->stop();
-        numberedGates.at(n_)->release();
-        return Reply::defaultReply();
-    }
-
-private:
-    friend class boost::serialization::access;
-    template <class A> void serialize(A& ar, unsigned) {
-        ar& boost::serialization::make_nvp("message",
-                                           boost::serialization::base_object<Message>(*this));
-        ar& boost::serialization::make_nvp("n", n_);
-    }
-    int n_;
-};
+boost::shared_ptr<GatesMessage> WaitMessage(int n) {
+    return boost::make_shared<GatesMessage>(GatesMessage::Wait, std::vector<int>{n});
+}
+boost::shared_ptr<GatesMessage> OpenMessage(std::vector<int> n) {
+    return boost::make_shared<GatesMessage>(GatesMessage::Open, std::move(n));
+}
 
 struct TestActorApi {
     virtual ~TestActorApi() = default;
@@ -274,9 +253,7 @@ Address own(std::string const& queue = Address::SpecializedQueues::noqueue()) {
 BOOST_CLASS_EXPORT(TestReply)
 BOOST_CLASS_EXPORT(EchoMessage)
 BOOST_CLASS_EXPORT(BlocksMessage)
-BOOST_CLASS_EXPORT(WaitMessage)
-BOOST_CLASS_EXPORT(OpenMessage)
-BOOST_CLASS_EXPORT(StopMessage)
+BOOST_CLASS_EXPORT(GatesMessage)
 
 TEST(Exchange, DeliversInOrderOnTheDeliveryThreadAndAnswers) {
     auto ex = ExchangeApi::instance();
@@ -571,13 +548,13 @@ TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOr
         return f.wait_for(boost::chrono::seconds(10)) == boost::future_status::ready;
     };
 
-    auto stuck = client->submitWithReply(boost::make_shared<WaitMessage>(1), ordered);
+    auto stuck = client->submitWithReply(WaitMessage(1), ordered);
     auto behind = client->submitWithReply(boost::make_shared<EchoMessage>(5), ordered);
     std::vector<boost::unique_future<boost::shared_ptr<Reply const>>> waiting;
     std::vector<int> numbers;
     for (int n = 100; n < 120; ++n) {
         numbers.push_back(n);
-        waiting.push_back(client->submitWithReply(boost::make_shared<WaitMessage>(n), unordered));
+        waiting.push_back(client->submitWithReply(WaitMessage(n), unordered));
     }
     // Twenty blocked deliveries later, frames are still read and delivered...
     auto echo = client->submitWithReply(boost::make_shared<EchoMessage>(6), unordered);
@@ -585,7 +562,7 @@ TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOr
     EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(echo.get())->value, 60);
     // ...but nothing overtakes the blocked delivery on the ordered queue.
     EXPECT_FALSE(behind.is_ready());
-    auto opened = client->submitWithReply(boost::make_shared<OpenMessage>(numbers), unordered);
+    auto opened = client->submitWithReply(OpenMessage(numbers), unordered);
     ASSERT_TRUE(ready(opened));
     for (std::size_t i = 0; i < waiting.size(); ++i) {
         ASSERT_TRUE(ready(waiting[i]));
@@ -593,14 +570,16 @@ TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOr
                   numbers[i]);
     }
     EXPECT_FALSE(behind.is_ready());
-    client->submitWithReply(boost::make_shared<OpenMessage>(std::vector<int>{1}), unordered).get();
+    client->submitWithReply(OpenMessage(std::vector<int>{1}), unordered).get();
     ASSERT_TRUE(ready(stuck));
     ASSERT_TRUE(ready(behind));
     EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(behind.get())->value, 50);
 
     // An exchange stopped by a delivery its transport's thread runs ends cleanly.
     stopTarget = server.get();
-    client->submit(boost::make_shared<StopMessage>(3), unordered);
+    client->submit(
+        boost::make_shared<GatesMessage>(GatesMessage::StopThenOpen, std::vector<int>{3}),
+        unordered);
     ASSERT_TRUE(numberedGates.at(3)->waitFor(seconds(10)));
     server.reset();
     client->stop();
