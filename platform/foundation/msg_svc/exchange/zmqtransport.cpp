@@ -595,28 +595,33 @@ private:
     }
 
     // Reads one multipart message; false if it was not a single part after the expected ones.
-    static bool readParts(zmq::socket_t& s, std::vector<zmq::message_t>& parts, std::size_t want) {
+    enum class Read { Nothing, Malformed, Whole };
+    // A receive that finds nothing has also taken in what the socket's descriptor signalled, so
+    // the socket is read until then rather than asked first whether it holds input (each asking
+    // costs system calls).
+    static Read readParts(zmq::socket_t& s, std::vector<zmq::message_t>& parts, std::size_t want) {
         parts.clear();
         bool ok = true;
         do {
             zmq::message_t part;
             if (!s.recv(part, zmq::recv_flags::dontwait))
-                return false;
+                return parts.empty() ? Read::Nothing : Read::Malformed;
             if (parts.size() < want)
                 parts.push_back(std::move(part));
             else
                 ok = false; // more parts than a frame has: drained and dropped
         } while (s.get(zmq::sockopt::rcvmore));
-        return ok && parts.size() == want;
+        return ok && parts.size() == want ? Read::Whole : Read::Malformed;
     }
 
     // Reads up to a turn's worth of frames; true if more are waiting.
     bool readRouter(std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64; ++i) {
-            if (!hasInput(router_))
+            Read const read = readParts(router_, parts, 2);
+            if (read == Read::Nothing)
                 return false;
-            if (!readParts(router_, parts, 2)) {
+            if (read == Read::Malformed) {
                 ZN_LOG(logger(), log::error) << name_ << ": dropped a malformed message";
                 continue;
             }
@@ -627,15 +632,16 @@ private:
                 continue; // a probe
             received.push_back(Received{std::move(from), std::move(parts[1])});
         }
-        return hasInput(router_);
+        return true; // a turn's worth read: look again at once
     }
 
     bool readDealer(Peer& peer, std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64 && !peer.failure; ++i) {
-            if (!hasInput(peer.dealer))
+            Read const read = readParts(peer.dealer, parts, 1);
+            if (read == Read::Nothing)
                 return false;
-            if (!readParts(peer.dealer, parts, 1)) {
+            if (read == Read::Malformed) {
                 ZN_LOG(logger(), log::error)
                     << name_ << ": dropped a malformed message from " << peer.name;
                 continue;
@@ -644,7 +650,7 @@ private:
                 continue;
             received.push_back(Received{peer.name, std::move(parts[0])});
         }
-        return !peer.failure && hasInput(peer.dealer);
+        return !peer.failure;
     }
 
     // The next monitor event, or 0.
@@ -972,7 +978,7 @@ private:
     std::mutex mutex_;
     zmq::socket_t router_;
     int routerFd_ = -1;
-    zmq::socket_t routerMonitor_; // read by the I/O thread only
+    zmq::socket_t routerMonitor_; // read by the leading I/O thread only
     std::map<std::string, std::unique_ptr<Peer>> peers_;
     std::set<std::string> inbound_; // peers that connected to the ROUTER
     std::vector<Clock::time_point> probes_;
