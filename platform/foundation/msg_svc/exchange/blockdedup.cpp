@@ -336,6 +336,7 @@ void BlockDedup::forget(std::string const& peer) {
     std::shared_ptr<Incoming> in;
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        // The sending state stays (reset, under its lock), so that frames keep their order.
         auto o = out_.find(peer);
         if (o != out_.end())
             out = o->second;
