@@ -201,7 +201,7 @@ TEST(BlockDedup, ALargeBlockSentAgainCrossesOnceEachWay) {
         EXPECT_EQ(reply->whole, 2);
         EXPECT_EQ(reply->blob, block(3, 2 * MiB));
         EXPECT_LT(p.tap->sent - received, first / 100);
-        // A block differing in one byte crosses in full.
+        // A block not sent before crosses in full.
         EXPECT_GT(p.sentBy(boost::make_shared<SeededBlocks>(std::vector<int>{4}, 2 * MiB), 1),
                   2 * MiB);
         EXPECT_EQ(p.tap->missing, 0);
