@@ -23,6 +23,8 @@
 // reference u8}; then {original kind u8, capacity u64, epoch u64, block count u32}; integers
 // little-endian, offsets and lengths in the original frame.
 //
+// Owned by its exchange (one per exchange); it holds received buffers through the holders the
+// transport handed over, released as blocks are evicted or a peer is forgotten.
 // Threads: every function may be called from any thread at once. Throws std::runtime_error for
 // a malformed Blocks frame, and what the send function throws.
 #include <foundation/msg_svc/exchange/wire.hpp>
