@@ -224,7 +224,10 @@ TEST(BlockDedup, AReferenceTheReceiverDoesNotHoldIsSentAgainInFull) {
         EXPECT_LT(p.sentBy(x, 1), 64 * 1024);
         EXPECT_EQ(p.tap->missing, 1);
 
-        // The receiver restarts and the sender does not hear of it.
+        // The receiver restarts and the sender does not hear of it. (Over ZeroMQ a frame sent
+        // meanwhile may be lost, and only the failure that is hidden here would tell of it.)
+        if (zmq)
+            continue;
         p.tap->hidePeerFailures = true;
         p.receiver.reset();
         p.startReceiver();
