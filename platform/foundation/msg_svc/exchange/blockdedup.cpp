@@ -1,5 +1,6 @@
 #include <foundation/msg_svc/exchange/blockdedup.hpp>
 
+#include <boost/make_shared.hpp>
 #include <xxhash.h>
 
 #include <algorithm>
@@ -260,6 +261,12 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
         entries.push_back(x);
     }
     std::uint64_t const wholeSize = 1 + bodySize + referenced;
+    // Literal blocks are kept by keeping the buffer they arrived in, unless they are the lesser
+    // part of it: then each is copied, so that what is held stays within twice the capacity.
+    std::uint64_t literal = 0;
+    for (auto const& x : entries)
+        literal += x.reference ? 0 : x.length;
+    bool const keepBuffer = holder && 2 * literal >= size;
     if (end > wholeSize)
         throw std::runtime_error("block beyond the end of its frame");
     if (bodySize >= 8 && (!count || entries.front().offset >= 9))
@@ -299,8 +306,18 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
                 cut += x.length;
             } else if (!in->broken && capacity) {
                 char const* data = body + (x.offset - 1 - cut);
-                in->store.insert(x.hash, static_cast<std::size_t>(x.length), holder, data,
-                                 capacity);
+                auto const length = static_cast<std::size_t>(x.length);
+                if (length > capacity) { // not kept, as at the sender
+                    in->store.insert(x.hash, length, nullptr, nullptr, capacity);
+                    continue;
+                }
+                boost::shared_ptr<void const> keep = holder;
+                if (!keepBuffer) {
+                    auto copy = boost::make_shared<std::string const>(data, length);
+                    data = copy->data();
+                    keep = copy;
+                }
+                in->store.insert(x.hash, length, keep, data, capacity);
             }
         }
     }

@@ -321,6 +321,28 @@ TEST(BlockDedup, MalformedOrForgedBlockFramesAreRefused) {
         BlockDedup receiver(1 << 20);
         EXPECT_THROW(unpack(bad[i], receiver), std::runtime_error) << "case " << i;
     }
+    {
+        // A block that is the lesser part of its frame is kept apart from the frame's buffer,
+        // and fills a later reference all the same.
+        auto const three = boost::make_shared<SeededBlocks>(std::vector<int>{5, 6, 7}, 4096);
+        std::vector<wire::BlockSpan> all;
+        std::string const whole =
+            wire::encodeMessageFrame(wire::FrameKind::Message, 8, "q", *three, &all, 1024);
+        ASSERT_EQ(all.size(), 3u);
+        std::vector<wire::BlockSpan> const one{all[1]};
+        BlockDedup out(1 << 20), in(1 << 20);
+        for (int round = 0; round < 2; ++round) {
+            std::string sent;
+            EXPECT_EQ(out.send("peer", std::string(whole), BlockDedup::hashBlocks(whole, one),
+                               [&](std::string&& f) { sent = std::move(f); }),
+                      round == 1);
+            auto const held = boost::make_shared<std::string const>(sent); // viewed in place
+            auto u = in.receive("peer", held, held->data(), held->size());
+            ASSERT_FALSE(u.missing);
+            EXPECT_EQ(std::string(u.frame.payload, u.frame.payloadSize),
+                      wire::decodeFrame(whole).payload);
+        }
+    }
     // A reference to a block never sent is answered as missing, not filled with anything.
     BlockDedup receiver(1 << 20);
     auto u = unpack(
