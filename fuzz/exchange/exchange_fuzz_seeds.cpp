@@ -1,8 +1,10 @@
 // Writes the seed corpus of exchange_fuzz_receive: real frames of the messages, replies and
 // events that cross between exchanges. Usage: exchange_fuzz_seeds DIRECTORY
+#include <fuzz/exchange/fuzzblobmessage.hpp>
 #include <quorl/quorl.hpp>
 
 #include <foundation/msg_svc/eventmgr/flushmessage.hpp>
+#include <foundation/msg_svc/exchange/blockdedup.hpp>
 #include <foundation/msg_svc/exchange/wire.hpp>
 
 #include <boost/make_shared.hpp>
@@ -62,9 +64,25 @@ int main(int argc, char** argv) {
     }
     for (auto const& m : messages)
         put(dir, wire::FrameKind::Message, wire::encodeMessage(*m));
-    put(dir, wire::FrameKind::Reply, wire::encodeReply(IIPCancelReply(IIPCancelReply::CancelAccepted)));
+    put(dir, wire::FrameKind::Reply,
+        wire::encodeReply(IIPCancelReply(IIPCancelReply::CancelAccepted)));
     put(dir, wire::FrameKind::Reply,
         wire::encodeReply(*foundation::msg_svc::exchange::Reply::defaultReply()));
+    // A frame of blocks: the second of two equal blocks refers to the first (small blocks, so
+    // that the input stays small); and the answer to a reference not held.
+    {
+        using foundation::msg_svc::exchange::BlockDedup;
+        FuzzBlobMessage const blobs({std::string(200, 'b'), std::string(200, 'b'), "short"});
+        std::vector<wire::BlockSpan> spans;
+        std::string const frame =
+            wire::encodeMessageFrame(wire::FrameKind::Message, 1, "noqueue", blobs, &spans, 64);
+        BlockDedup sender(std::size_t(1) << 20);
+        sender.send(
+            "peer", std::string(frame), BlockDedup::hashBlocks(frame, spans), [&](std::string&& f) {
+                std::ofstream(dir + "/seed-" + std::to_string(written++), std::ios::binary) << f;
+            });
+        put(dir, wire::FrameKind::BlockMissing, BlockDedup::missingPayload(42));
+    }
     std::cout << written << " seeds in " << dir << "\n";
     return 0;
 }

@@ -1,4 +1,5 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
+#include <foundation/msg_svc/exchange/blockdedup.hpp>
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/lanes.hpp>
@@ -69,7 +70,8 @@ public:
     explicit Impl(ExchangeConfig const& config)
         : name_(config.name.empty() ? generatedName() : config.name), transport_(config.transport),
           ordered_([this] { tlsDeliveringFor = this; }),
-          unordered_(config.maxUnorderedThreads, [this] { tlsDeliveringFor = this; }) {
+          unordered_(config.maxUnorderedThreads, [this] { tlsDeliveringFor = this; }),
+          blocks_(config.blockCacheBytes) {
         if (transport_)
             transport_->start(name_, *this);
     }
@@ -148,9 +150,30 @@ public:
 
     // TransportSink
     void receiveFrame(std::string const& from, char const* bytes, std::size_t size) override {
+        if (size && bytes[0] == static_cast<char>(wire::FrameKind::Blocks)) {
+            // Blocks of it may be kept: they need bytes of their own.
+            auto held = boost::make_shared<std::string const>(bytes, size);
+            receiveHeldFrame(from, held, held->data(), held->size());
+            return;
+        }
+        receiveHeldFrame(from, nullptr, bytes, size);
+    }
+
+    void receiveHeldFrame(std::string const& from, boost::shared_ptr<void const> const& holder,
+                          char const* bytes, std::size_t size) override {
         wire::FrameView frame;
+        BlockDedup::Unpacked unpacked;
         try {
-            frame = wire::viewFrame(bytes, size);
+            if (size && bytes[0] == static_cast<char>(wire::FrameKind::Blocks)) {
+                unpacked = blocks_.receive(from, holder, bytes, size);
+                if (unpacked.missing) {
+                    blockMissing(from, unpacked);
+                    return;
+                }
+                frame = unpacked.frame;
+            } else {
+                frame = wire::viewFrame(bytes, size);
+            }
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
@@ -165,10 +188,16 @@ public:
         case wire::FrameKind::Failure:
             receiveReply(from, frame);
             break;
+        case wire::FrameKind::BlockMissing:
+            receiveBlockMissing(from, frame);
+            break;
+        case wire::FrameKind::Blocks:
+            break; // never the kind of an unpacked frame
         }
     }
 
     void peerFailed(std::string const& peer, boost::exception_ptr const& cause) override {
+        blocks_.forget(peer);
         std::vector<Completion> failed;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -199,6 +228,10 @@ private:
     struct Pending {
         std::string peer;
         Completion done;
+        // A message sent with large blocks, kept to be sent again in full should the peer not
+        // hold a block it referred to; null otherwise.
+        boost::shared_ptr<Message const> message;
+        std::string queue;
     };
 
     // One message on its way to a local lane. A named class rather than a lambda, so that the
@@ -303,9 +336,13 @@ private:
         wire::Frame frame;
         frame.kind = done ? wire::FrameKind::Message : wire::FrameKind::Notice;
         std::string bytes;
+        std::vector<wire::BlockSpan> spans;
+        std::vector<BlockDedup::Block> hashed;
         try {
             // Encoded before it is numbered: a message that cannot be sent takes no number.
-            bytes = wire::encodeMessageFrame(frame.kind, 0, address.queue(), *message);
+            bytes = wire::encodeMessageFrame(frame.kind, 0, address.queue(), *message,
+                                             blocks_.enabled() ? &spans : nullptr);
+            hashed = BlockDedup::hashBlocks(bytes, spans); // before any lock
         } catch (...) {
             refuse(done, boost::current_exception(), "could not be encoded");
             return;
@@ -319,14 +356,19 @@ private:
             }
             if (done) {
                 frame.correlation = nextCorrelation_++;
-                pending_.emplace(frame.correlation, Pending{peer, std::move(done)});
+                Pending p{peer, std::move(done), nullptr, std::string()};
+                if (!hashed.empty()) {
+                    p.message = message;
+                    p.queue = address.queue();
+                }
+                pending_.emplace(frame.correlation, std::move(p));
             } else {
                 frame.correlation = kNoticeBit | nextNotice_++;
             }
         }
         wire::setCorrelation(bytes, frame.correlation);
         try {
-            transport_->sendOwned(peer, std::move(bytes));
+            sendFrame(peer, std::move(bytes), hashed);
         } catch (FrameRefused const& refused) {
             // The frame, not the peer, is at fault: only its sender hears of it.
             refuse(takePending(frame.correlation), boost::copy_exception(refused), "was refused");
@@ -374,10 +416,22 @@ private:
         }
     }
 
-    void sendBack(std::string const& to, std::string&& bytes) {
+    // Sends an encoded frame; with large blocks, through the peer's block memory.
+    void sendFrame(std::string const& to, std::string&& bytes,
+                   std::vector<BlockDedup::Block> const& hashed) {
+        if (hashed.empty()) {
+            transport_->sendOwned(to, std::move(bytes));
+            return;
+        }
+        blocks_.send(to, std::move(bytes), hashed,
+                     [this, &to](std::string&& f) { transport_->sendOwned(to, std::move(f)); });
+    }
+
+    void sendBack(std::string const& to, std::string&& bytes,
+                  std::vector<BlockDedup::Block> const& hashed = {}) {
         try {
             if (transport_)
-                transport_->sendOwned(to, std::move(bytes));
+                sendFrame(to, std::move(bytes), hashed);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": could not answer exchange '" << to << "': " << e.what();
@@ -408,8 +462,12 @@ private:
                     failure = describe(error);
                 } else {
                     try {
-                        sendBack(from, wire::encodeReplyFrame(
-                                           corr, reply ? *reply : *Reply::defaultReply()));
+                        std::vector<wire::BlockSpan> spans;
+                        std::string bytes =
+                            wire::encodeReplyFrame(corr, reply ? *reply : *Reply::defaultReply(),
+                                                   blocks_.enabled() ? &spans : nullptr);
+                        auto const hashed = BlockDedup::hashBlocks(bytes, spans);
+                        sendBack(from, std::move(bytes), hashed);
                         return;
                     } catch (std::exception const& e) {
                         failure = std::string("reply could not be encoded: ") + e.what();
@@ -419,6 +477,74 @@ private:
             };
         }
         deliverLocal(message, frame.queue, from, std::move(done));
+    }
+
+    // A frame from `from` referred to a block this exchange does not hold. A message's sender
+    // sends it again in full; a reply cannot be had again, so its request fails.
+    void blockMissing(std::string const& from, BlockDedup::Unpacked const& unpacked) {
+        ZN_LOG(logger(), log::warning)
+            << name_ << ": a frame from " << from << " referred to a block not held here";
+        bool const isReply =
+            unpacked.kind == wire::FrameKind::Reply || unpacked.kind == wire::FrameKind::Failure;
+        // Sent before the request fails, so that whatever the requester sends next finds the
+        // peer in step again.
+        sendBack(from,
+                 wire::Frame{wire::FrameKind::BlockMissing, isReply ? 0 : unpacked.correlation, "",
+                             BlockDedup::missingPayload(unpacked.epoch)});
+        if (isReply) {
+            if (Completion done = takePending(unpacked.correlation))
+                done(nullptr, boost::copy_exception(DeliveryError(
+                                  "exchange '" + name_ + "' lost the reply from exchange '" + from +
+                                  "': it referred to a block no longer held here")));
+        }
+    }
+
+    void receiveBlockMissing(std::string const& from, wire::FrameView const& frame) {
+        std::uint64_t epoch;
+        try {
+            epoch = BlockDedup::missingEpoch(frame);
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error)
+                << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
+            return;
+        }
+        blocks_.blockMissing(from, epoch);
+        if (!frame.correlation)
+            return;
+        if (frame.correlation & kNoticeBit) {
+            std::string const text = "exchange '" + from +
+                                     "' could not decode a message: it referred to a block not "
+                                     "held there";
+            ZN_LOG(logger(), log::error) << name_ << ": " << text;
+            eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(
+                from, boost::copy_exception(DeliveryError(text))));
+            return;
+        }
+        boost::shared_ptr<Message const> message;
+        std::string queue;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            auto it = pending_.find(frame.correlation);
+            if (it == pending_.end() || it->second.peer != from)
+                return;
+            message = it->second.message;
+            queue = it->second.queue;
+        }
+        if (!message) {
+            if (Completion done = takePending(frame.correlation))
+                done(nullptr, boost::copy_exception(DeliveryError(
+                                  "exchange '" + from + "' did not hold a block of a message")));
+            return;
+        }
+        // Sent again under the same number, every block in full.
+        try {
+            transport_->sendOwned(from,
+                                  wire::encodeMessageFrame(wire::FrameKind::Message,
+                                                           frame.correlation, queue, *message));
+        } catch (...) {
+            if (Completion done = takePending(frame.correlation))
+                done(nullptr, boost::current_exception());
+        }
     }
 
     void receiveReply(std::string const& from, wire::FrameView const& frame) {
@@ -468,6 +594,7 @@ private:
     static constexpr std::uint64_t kNoticeBit = std::uint64_t(1) << 63;
     detail::SerialLane ordered_;
     detail::ElasticLane unordered_;
+    BlockDedup blocks_;
 };
 
 namespace {

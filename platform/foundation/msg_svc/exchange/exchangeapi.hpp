@@ -46,6 +46,12 @@ struct ExchangeConfig {
     boost::shared_ptr<Transport> transport;
     // Most threads of the unordered lane at once.
     unsigned maxUnorderedThreads = 64;
+    // Large blocks in frames (single archive writes of at least 1 MiB: an array's data, say)
+    // are remembered per peer and each way, up to this many bytes, so that a block the peer
+    // holds already crosses as a short reference. The receiver keeps the frames such blocks
+    // arrived in, so this bounds the memory held for each peer; give both sides the same value.
+    // 0: every block is sent in full.
+    std::size_t blockCacheBytes = std::size_t(1) << 30;
 };
 
 class ExchangeApi : public boost::enable_shared_from_this<ExchangeApi> {

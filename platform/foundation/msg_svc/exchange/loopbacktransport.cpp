@@ -51,16 +51,18 @@ public:
         }
     }
 
-    void send(std::string const& from, std::string const& to, std::string const& frame) {
+    void send(std::string const& from, std::string const& to, std::string&& bytes) {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (!sinks_.count(to))
                 boost::throw_exception(
                     DeliveryError("no exchange named '" + to + "' in this process"));
         }
+        // Shared, so that the receiver may keep parts of it.
+        auto frame = boost::make_shared<std::string const>(std::move(bytes));
         lane_.post([this, from, to, frame] {
             if (!call(to, [&](TransportSink& s) {
-                    s.receiveFrame(from, frame.data(), frame.size());
+                    s.receiveHeldFrame(from, frame, frame->data(), frame->size());
                 })) {
                 // The receiver went away after the send: tell the sender.
                 auto e = boost::copy_exception(DeliveryError("exchange '" + to + "' stopped"));
@@ -97,7 +99,10 @@ public:
         name_ = ownName;
     }
     void send(std::string const& to, std::string const& frame) override {
-        LoopbackHub::instance().send(name_, to, frame);
+        LoopbackHub::instance().send(name_, to, std::string(frame));
+    }
+    void sendOwned(std::string const& to, std::string&& frame) override {
+        LoopbackHub::instance().send(name_, to, std::move(frame));
     }
     void stop() override {
         if (!name_.empty())

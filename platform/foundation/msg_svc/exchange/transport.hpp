@@ -32,6 +32,14 @@ public:
     // A frame sent to this exchange by the exchange named `from`; the bytes are the caller's and
     // valid for the call only.
     virtual void receiveFrame(std::string const& from, char const* frame, std::size_t size) = 0;
+    // As receiveFrame, for bytes that stay valid as long as `holder` lives: the sink may keep
+    // parts of the frame by keeping the holder, without copying them.
+    virtual void receiveHeldFrame(std::string const& from,
+                                  boost::shared_ptr<void const> const& holder, char const* frame,
+                                  std::size_t size) {
+        (void)holder;
+        receiveFrame(from, frame, size);
+    }
     // The exchange named `peer` failed or went away; `cause` says why.
     virtual void peerFailed(std::string const& peer, boost::exception_ptr const& cause) = 0;
 };

@@ -55,7 +55,8 @@ struct Reader {
 // Appends to a string, so that an archive is written where it will be sent from.
 class AppendBuffer : public std::streambuf {
 public:
-    explicit AppendBuffer(std::string& out) : out_(out) {}
+    AppendBuffer(std::string& out, std::vector<BlockSpan>* blocks, std::size_t minBlock)
+        : out_(out), blocks_(blocks), minBlock_(minBlock) {}
 
 protected:
     std::streamsize xsputn(char const* s, std::streamsize n) override {
@@ -65,6 +66,8 @@ protected:
         // so that many large blocks are not copied over and over.
         if (size >= kLargeBlock && out_.capacity() - out_.size() < size)
             out_.reserve(std::max(out_.size() + size + kLargeBlock, 2 * out_.capacity()));
+        if (blocks_ && size >= minBlock_)
+            blocks_->push_back(BlockSpan{out_.size(), size});
         out_.append(s, size);
         return n;
     }
@@ -77,10 +80,14 @@ protected:
 private:
     static constexpr std::size_t kLargeBlock = 64 * 1024;
     std::string& out_;
+    std::vector<BlockSpan>* blocks_;
+    std::size_t minBlock_;
 };
 
-template <class T> void appendObject(std::string& out, T const& object) {
-    AppendBuffer buffer(out);
+template <class T>
+void appendObject(std::string& out, T const& object, std::vector<BlockSpan>* blocks = nullptr,
+                  std::size_t minBlock = kMinBlockSize) {
+    AppendBuffer buffer(out, blocks, minBlock);
     std::ostream os(&buffer);
     {
         // A binary archive converts no characters: it needs no locale of its own, whose making
@@ -167,12 +174,19 @@ FrameView viewFrame(std::string const& bytes) {
 }
 
 FrameView viewFrame(char const* bytes, std::size_t size) {
+    if (size < 1)
+        throw std::runtime_error("truncated frame");
+    auto const kind = static_cast<unsigned char>(bytes[0]);
+    // A Blocks frame is unpacked before it is viewed.
+    if (kind < 1 || kind > 6 || kind == static_cast<unsigned char>(FrameKind::Blocks))
+        throw std::runtime_error("unknown frame kind " + std::to_string(kind));
+    return viewFrame(static_cast<FrameKind>(kind), bytes + 1, size - 1);
+}
+
+FrameView viewFrame(FrameKind kind, char const* bytes, std::size_t size) {
     Reader r{bytes, size};
     FrameView f;
-    auto kind = r.uint(1);
-    if (kind < 1 || kind > 4)
-        throw std::runtime_error("unknown frame kind " + std::to_string(kind));
-    f.kind = static_cast<FrameKind>(kind);
+    f.kind = kind;
     f.correlation = r.uint(8);
     f.queue = r.str(static_cast<std::size_t>(r.uint(4)));
     f.payloadSize = static_cast<std::size_t>(r.uint(4));
@@ -184,18 +198,20 @@ FrameView viewFrame(char const* bytes, std::size_t size) {
 }
 
 std::string encodeMessageFrame(FrameKind kind, std::uint64_t correlation, std::string const& queue,
-                               Message const& message) {
+                               Message const& message, std::vector<BlockSpan>* blocks,
+                               std::size_t minBlock) {
     std::string out;
     std::size_t const at = putHeader(out, kind, correlation, queue);
-    appendObject(out, message);
+    appendObject(out, message, blocks, minBlock);
     patchLength(out, at);
     return out;
 }
 
-std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply) {
+std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply,
+                             std::vector<BlockSpan>* blocks, std::size_t minBlock) {
     std::string out;
     std::size_t const at = putHeader(out, FrameKind::Reply, correlation, std::string());
-    appendObject(out, reply);
+    appendObject(out, reply, blocks, minBlock);
     patchLength(out, at);
     return out;
 }

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace foundation {
 namespace msg_svc {
@@ -18,7 +19,25 @@ namespace wire {
 // Message: a reply is wanted. Notice: a message whose sender wants no reply; its correlation
 // only names it in the Failure frame that answers a notice the receiver could not decode.
 // Reply and Failure answer a Message or Notice of that correlation.
-enum class FrameKind : std::uint8_t { Message = 1, Reply = 2, Failure = 3, Notice = 4 };
+// Blocks: a frame of another kind with its large blocks tabled, those the receiver holds left
+// out (see BlockDedup). BlockMissing: the receiver did not hold a block a Blocks frame referred
+// to; the payload names the sender's block epoch, the correlation the frame's (0 for a reply).
+enum class FrameKind : std::uint8_t {
+    Message = 1,
+    Reply = 2,
+    Failure = 3,
+    Notice = 4,
+    Blocks = 5,
+    BlockMissing = 6
+};
+
+// A single write of an archive into a frame, large enough to be worth not sending twice.
+struct BlockSpan {
+    std::size_t offset = 0; // in the frame
+    std::size_t length = 0;
+};
+// Writes at least this large are recorded as blocks.
+constexpr std::size_t kMinBlockSize = std::size_t(1) << 20;
 
 struct Frame {
     FrameKind kind = FrameKind::Message;
@@ -40,12 +59,19 @@ struct FrameView {
 };
 FrameView viewFrame(std::string const& bytes);
 FrameView viewFrame(char const* bytes, std::size_t size);
+// As viewFrame, for a frame of `kind` whose kind byte is not in the buffer: `rest` holds what
+// follows it.
+FrameView viewFrame(FrameKind kind, char const* rest, std::size_t size);
 
 // A whole frame holding the archive of a message or reply, written in one buffer (no copies of
-// the payload).
+// the payload). With `blocks`, every single write of at least `minBlock` bytes is recorded there,
+// in order.
 std::string encodeMessageFrame(FrameKind kind, std::uint64_t correlation, std::string const& queue,
-                               Message const& message);
-std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply);
+                               Message const& message, std::vector<BlockSpan>* blocks = nullptr,
+                               std::size_t minBlock = kMinBlockSize);
+std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply,
+                             std::vector<BlockSpan>* blocks = nullptr,
+                             std::size_t minBlock = kMinBlockSize);
 // Rewrites the correlation of an encoded frame in place.
 void setCorrelation(std::string& encodedFrame, std::uint64_t correlation);
 

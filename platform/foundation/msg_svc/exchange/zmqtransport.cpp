@@ -838,9 +838,12 @@ private:
 
             {
                 detail::InlineSlot::Scope offered(canRunHere ? &slot : nullptr);
-                for (auto& r : received)
-                    sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()),
-                                        r.body.size());
+                for (auto& r : received) {
+                    // Shared, so that the sink may keep parts of the frame without a copy.
+                    auto body = boost::make_shared<zmq::message_t>(std::move(r.body));
+                    sink_->receiveHeldFrame(r.from, body, static_cast<char const*>(body->data()),
+                                            body->size());
+                }
             }
             received.clear();
             for (auto& f : failed)
