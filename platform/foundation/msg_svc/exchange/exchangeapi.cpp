@@ -301,25 +301,29 @@ private:
 
     // Leaves `job` to the transport thread that offered `slot`: it runs the job itself, with no
     // lane thread to wake, and another thread takes over its reading should the job block. The
-    // ordered lane is claimed for it, so jobs that arrive meanwhile queue behind it. An actor's
-    // messages stay on the actor's own thread. False if the job is to be posted as usual.
+    // ordered lane is claimed for it, so jobs that arrive meanwhile queue behind it, and ordered
+    // jobs read in the same turn join it. An actor's messages stay on the actor's own thread.
+    // False if the job is to be posted as usual.
     bool runInline(InlineSlot& slot, LocalDelivery&& job, bool isActor, bool unordered) {
-        detail::SerialLane* lane = unordered ? nullptr : &ordered_;
-        if (isActor || !slot.empty() || (lane && !lane->tryClaim()))
+        if (isActor)
             return false;
-        return slot.offer([this, job = std::move(job), lane] {
+        detail::SerialLane* lane = unordered ? nullptr : &ordered_;
+        bool const joining = !slot.empty();
+        // Joining: only while nothing was posted behind the claim, which would go first.
+        if (joining ? !slot.joins(lane) || !lane->nothingQueued() : lane && !lane->tryClaim())
+            return false;
+        auto run = [this, job = std::move(job)] {
             struct Restore {
                 ExchangeApi::Impl const* previous;
-                detail::SerialLane* lane;
-                ~Restore() {
-                    tlsDeliveringFor = previous;
-                    if (lane)
-                        lane->release();
-                }
-            } restore{tlsDeliveringFor, lane};
+                ~Restore() { tlsDeliveringFor = previous; }
+            } restore{tlsDeliveringFor};
             tlsDeliveringFor = this;
             job();
-        });
+        };
+        if (joining)
+            return slot.append(lane, std::move(run));
+        return slot.offer(lane, std::move(run),
+                          lane ? detail::Job([lane] { lane->release(); }) : detail::Job());
     }
 
     void sendRemote(boost::shared_ptr<Message const> const& message, Address const& address,

@@ -1,6 +1,8 @@
 #include <foundation/msg_svc/exchange/lanes.hpp>
 #include <foundation/msg_svc/shutdown/shutdown.hpp>
 
+#include <memory>
+
 namespace foundation {
 namespace msg_svc {
 namespace detail {
@@ -22,11 +24,43 @@ InlineSlot* InlineSlot::current() {
     return tlsSlot;
 }
 
-bool InlineSlot::offer(Job&& job) {
-    if (job_)
+bool InlineSlot::offer(void const* key, Job&& job, Job&& release) {
+    if (!jobs_.empty())
         return false;
-    job_ = std::move(job);
+    key_ = key;
+    jobs_.push_back(std::move(job));
+    release_ = std::move(release);
     return true;
+}
+
+bool InlineSlot::append(void const* key, Job&& job) {
+    if (!joins(key))
+        return false;
+    jobs_.push_back(std::move(job));
+    return true;
+}
+
+Job InlineSlot::take() {
+    struct Batch {
+        std::vector<Job> jobs;
+        Job release;
+        void operator()() {
+            struct Finally {
+                Job& release;
+                ~Finally() {
+                    if (release)
+                        release();
+                }
+            } finally{release};
+            for (auto& job : jobs)
+                job();
+        }
+    };
+    auto batch = std::make_shared<Batch>(Batch{std::move(jobs_), std::move(release_)});
+    jobs_.clear();
+    release_ = nullptr;
+    key_ = nullptr;
+    return [batch] { (*batch)(); };
 }
 
 InlineSlot::Scope::Scope(InlineSlot* slot) : previous_(tlsSlot) {
@@ -64,6 +98,11 @@ bool SerialLane::tryClaim() {
         return false;
     claimed_ = true;
     return true;
+}
+
+bool SerialLane::nothingQueued() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return queue_.empty();
 }
 
 void SerialLane::release() {

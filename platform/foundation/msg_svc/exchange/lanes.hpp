@@ -36,6 +36,8 @@ public:
     // queued, and then jobs posted later wait until release(). False if it is busy or stopped.
     bool tryClaim();
     void release();
+    // True if nothing has been posted since the claim: a claimer may then run more jobs in turn.
+    bool nothingQueued();
     void stop();
     bool onLaneThread() const { return std::this_thread::get_id() == threadId_; }
 
@@ -86,10 +88,16 @@ class InlineSlot {
 public:
     // The slot the calling thread offers, or null.
     static InlineSlot* current();
-    // Takes the job if the slot is empty; false otherwise (the caller then posts it).
-    bool offer(Job&& job);
-    Job take() { return std::move(job_); }
-    bool empty() const { return !job_; }
+    // Takes `job` if the slot is empty (false otherwise: the caller then posts it). `release` runs
+    // after the last job; `key` names what the jobs share (a lane they hold), so that later jobs
+    // of the same key may join them (append) and run after them, in order.
+    bool offer(void const* key, Job&& job, Job&& release);
+    bool append(void const* key, Job&& job);
+    bool empty() const { return jobs_.empty(); }
+    // True if a job of `key` would join the jobs taken already.
+    bool joins(void const* key) const { return !jobs_.empty() && key && key == key_; }
+    // The jobs and their release as one job; the slot is empty afterwards.
+    Job take();
 
     // Makes `slot` the calling thread's slot for its lifetime.
     class Scope {
@@ -104,7 +112,9 @@ public:
     };
 
 private:
-    Job job_;
+    void const* key_ = nullptr;
+    std::vector<Job> jobs_;
+    Job release_;
 };
 
 // Joins `t`, or detaches it when the process is terminating.
