@@ -29,8 +29,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 struct hvArray_tag;
 typedef struct hvArray_tag hvArray;
@@ -271,6 +273,21 @@ hvArray* hvSerialize(const hvArray* array);
 // Rebuilds an array. Corrupt or truncated bytes raise std::runtime_error; every length is
 // checked against the bytes left before anything is allocated, and nesting is bounded.
 hvArray* hvDeserialize(const void* data, std::size_t size);
+// The same bytes in pieces, for a caller that writes to or reads from a stream of its own (an
+// archive) and would otherwise copy them through a uint8 array.
+// hvSerializeTo calls `size` once with the number of bytes hvSerialize would hold, then `write`
+// with those bytes in order: small items gathered into blocks, element data as it stands in the
+// array. Errors as hvSerialize's.
+void hvSerializeTo(const hvArray* array, const std::function<void(std::size_t)>& size,
+                   const std::function<void(const void*, std::size_t)>& write);
+// hvDeserializeFrom reads `size` bytes of that form, which `read` hands out in order. An array of
+// a class with raw elements (numeric, logical, char) is built at once, its elements read straight
+// into its storage, and returned. Any other array is not built: all `size` bytes are read into
+// `bytes`, and null is returned, so that the caller runs hvDeserialize (and the load operations
+// of opaque classes) where it chooses. Checks and errors as hvDeserialize's; an element count
+// beyond `size` is refused before anything is allocated.
+hvArray* hvDeserializeFrom(std::size_t size, const std::function<void(void*, std::size_t)>& read,
+                           std::vector<std::uint8_t>& bytes);
 
 // ---------------------------------------------------------------------------------------------
 // Class arrays and objects (class 18). An object class has ordered property names, optional

@@ -167,6 +167,26 @@ void writeValue(Sink& sink, const hvArray* array, SavedForms& saved, int depth) 
     throw std::runtime_error("hvDeserialize: corrupt data: " + what);
 }
 
+template <class In> std::uint64_t readVarint(In& in, const char* what) {
+    std::uint64_t v = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+        std::uint8_t b = in.byte(what);
+        if (shift == 63 && b > 1) {
+            corrupt(std::string(what) + " does not fit in 64 bits");
+        }
+        v |= static_cast<std::uint64_t>(b & 0x7f) << shift;
+        if ((b & 0x80) == 0) {
+            return v;
+        }
+    }
+    corrupt(std::string(what) + " does not fit in 64 bits");
+}
+
+[[noreturn]] void truncated(const char* what, std::size_t n, std::size_t left) {
+    throw std::runtime_error("hvDeserialize: truncated data: " + std::string(what) + " needs " +
+                             std::to_string(n) + " bytes, " + std::to_string(left) + " left");
+}
+
 struct Reader {
     const std::uint8_t* p;
     const std::uint8_t* end;
@@ -175,9 +195,7 @@ struct Reader {
 
     void need(std::size_t n, const char* what) const {
         if (n > left()) {
-            throw std::runtime_error("hvDeserialize: truncated data: " + std::string(what) +
-                                     " needs " + std::to_string(n) + " bytes, " +
-                                     std::to_string(left()) + " left");
+            truncated(what, n, left());
         }
     }
 
@@ -186,20 +204,7 @@ struct Reader {
         return *p++;
     }
 
-    std::uint64_t varint(const char* what) {
-        std::uint64_t v = 0;
-        for (int shift = 0; shift < 64; shift += 7) {
-            std::uint8_t b = byte(what);
-            if (shift == 63 && b > 1) {
-                corrupt(std::string(what) + " does not fit in 64 bits");
-            }
-            v |= static_cast<std::uint64_t>(b & 0x7f) << shift;
-            if ((b & 0x80) == 0) {
-                return v;
-            }
-        }
-        corrupt(std::string(what) + " does not fit in 64 bits");
-    }
+    std::uint64_t varint(const char* what) { return readVarint(*this, what); }
 
     // A count of items each taking at least `minBytes` bytes: bounded by the bytes left.
     std::size_t count(const char* what, std::size_t minBytes = 1) {
@@ -430,7 +435,152 @@ HvArrayPtr readValue(Reader& in, int depth) {
     return array;
 }
 
+void checkHeader(const std::uint8_t* header) {
+    if (std::memcmp(header, "HVA", 3) != 0) {
+        corrupt("not a serialized array");
+    }
+    if (header[3] != kVersion) {
+        throw std::runtime_error("hvDeserialize: unsupported version " + std::to_string(header[3]));
+    }
+    if (header[4] != static_cast<std::uint8_t>(hostIsLittleEndian())) {
+        throw std::runtime_error("hvDeserialize: the data was written with another byte order");
+    }
+}
+
+// Gathers small pieces into blocks for the caller's writer; large ones go through as they are.
+class BlockSink {
+public:
+    explicit BlockSink(const std::function<void(const void*, std::size_t)>& write)
+        : write_(write) {}
+    void put(const void* data, std::size_t n) {
+        written += n;
+        if (used_ + n <= sizeof(buffer_)) {
+            if (n != 0) {
+                std::memcpy(buffer_ + used_, data, n);
+                used_ += n;
+            }
+            return;
+        }
+        flush();
+        if (n >= sizeof(buffer_)) {
+            write_(data, n);
+        } else {
+            std::memcpy(buffer_, data, n);
+            used_ = n;
+        }
+    }
+    void flush() {
+        if (used_ != 0) {
+            write_(buffer_, used_);
+            used_ = 0;
+        }
+    }
+    std::size_t written = 0;
+
+private:
+    const std::function<void(const void*, std::size_t)>& write_;
+    std::uint8_t buffer_[4096];
+    std::size_t used_ = 0;
+};
+
+// Bytes from the caller's reader, counted against the size announced, and kept in `seen` so
+// that they can be handed on when the array is not built here.
+struct StreamReader {
+    const std::function<void(void*, std::size_t)>& read;
+    std::size_t left;
+    std::vector<std::uint8_t>& seen;
+
+    std::uint8_t byte(const char* what) {
+        if (left == 0) {
+            truncated(what, 1, 0);
+        }
+        std::uint8_t b = 0;
+        read(&b, 1);
+        --left;
+        seen.push_back(b);
+        return b;
+    }
+};
+
 } // namespace
+
+void hvSerializeTo(const hvArray* array, const std::function<void(std::size_t)>& size,
+                   const std::function<void(const void*, std::size_t)>& write) {
+    SavedForms saved;
+    Counter counter;
+    writeValue(counter, array, saved, 0);
+    const std::size_t total = kHeaderSize + counter.size;
+    size(total);
+    BlockSink sink(write);
+    const std::uint8_t header[kHeaderSize] = {'H', 'V', 'A', kVersion,
+                                              static_cast<std::uint8_t>(hostIsLittleEndian())};
+    sink.put(header, kHeaderSize);
+    saved.collecting = false;
+    writeValue(sink, array, saved, 0);
+    sink.flush();
+    if (sink.written != total) {
+        throw std::logic_error("hvSerialize: the array changed while it was written");
+    }
+}
+
+hvArray* hvDeserializeFrom(std::size_t size, const std::function<void(void*, std::size_t)>& read,
+                           std::vector<std::uint8_t>& bytes) {
+    bytes.clear();
+    StreamReader in{read, size, bytes};
+    // The header and the class: only raw classes are built here.
+    if (size >= kHeaderSize + 1) {
+        for (std::size_t i = 0; i <= kHeaderSize; ++i) {
+            in.byte("the header");
+        }
+    }
+    const hvClassID cls =
+        bytes.size() == kHeaderSize + 1 ? static_cast<hvClassID>(bytes.back()) : hvUNKNOWN_CLASS;
+    if (bytes.size() != kHeaderSize + 1 || cls > hvOBJECT_CLASS || !isRawClass(cls)) {
+        const std::size_t seen = bytes.size();
+        bytes.resize(size);
+        if (size > seen) {
+            read(bytes.data() + seen, size - seen);
+        }
+        return nullptr;
+    }
+    checkHeader(bytes.data());
+    std::uint64_t flags = readVarint(in, "flags");
+    if (flags > 0xffffffffu) {
+        corrupt("flags out of range");
+    }
+    std::uint64_t ndim = readVarint(in, "number of dimensions");
+    if (ndim < 2 || ndim > kMaxDims) {
+        corrupt("number of dimensions " + std::to_string(ndim));
+    }
+    std::vector<std::size_t> dims;
+    for (std::uint64_t i = 0; i < ndim; ++i) {
+        std::uint64_t d = readVarint(in, "dimension");
+        if (d > static_cast<std::size_t>(-1)) {
+            corrupt("dimension out of range");
+        }
+        dims.push_back(static_cast<std::size_t>(d));
+    }
+    if (ndim > 2 && dims.back() == 1) {
+        corrupt("trailing singleton dimension");
+    }
+    const std::size_t n = checkedElements(dims);
+    const std::size_t width = elementSize(cls);
+    if (n > in.left / width) {
+        throw std::runtime_error("hvDeserialize: truncated data: " + std::to_string(n) +
+                                 " elements of " + std::to_string(width) + " bytes, " +
+                                 std::to_string(in.left) + " bytes left");
+    }
+    if (in.left != n * width) {
+        corrupt(std::to_string(in.left - n * width) + " bytes after the array");
+    }
+    HvArrayPtr array(newArray(cls, std::move(dims), false));
+    if (n != 0) {
+        read(array->data->bytes.get(), n * width);
+    }
+    array->flags = static_cast<std::uint32_t>(flags);
+    bytes.clear();
+    return array.release();
+}
 
 hvArray* hvSerialize(const hvArray* array) {
     SavedForms saved;
@@ -457,15 +607,7 @@ hvArray* hvDeserialize(const void* data, std::size_t size) {
     Reader in{static_cast<const std::uint8_t*>(data),
               static_cast<const std::uint8_t*>(data) + size};
     in.need(kHeaderSize, "the header");
-    if (std::memcmp(in.p, "HVA", 3) != 0) {
-        corrupt("not a serialized array");
-    }
-    if (in.p[3] != kVersion) {
-        throw std::runtime_error("hvDeserialize: unsupported version " + std::to_string(in.p[3]));
-    }
-    if (in.p[4] != static_cast<std::uint8_t>(hostIsLittleEndian())) {
-        throw std::runtime_error("hvDeserialize: the data was written with another byte order");
-    }
+    checkHeader(in.p);
     in.p += kHeaderSize;
     HvArrayPtr array;
     try {

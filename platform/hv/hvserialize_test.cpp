@@ -241,3 +241,114 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
 }
 
 } // namespace
+
+namespace {
+
+// The bytes of hvSerializeTo, gathered, with the size it announced first.
+std::vector<std::uint8_t> streamedBytesOf(const hvArray* a) {
+    std::vector<std::uint8_t> out;
+    std::size_t announced = static_cast<std::size_t>(-1);
+    hvSerializeTo(
+        a,
+        [&](std::size_t n) {
+            EXPECT_TRUE(out.empty());
+            announced = n;
+        },
+        [&](const void* p, std::size_t n) {
+            EXPECT_NE(n, 0u);
+            auto b = static_cast<const std::uint8_t*>(p);
+            out.insert(out.end(), b, b + n);
+        });
+    EXPECT_EQ(announced, out.size());
+    return out;
+}
+
+// Reads `bytes` through hvDeserializeFrom with `claimed` as the size; the reader refuses to hand
+// out more than `bytes` holds.
+struct StreamRead {
+    HvArrayPtr array;
+    std::vector<std::uint8_t> kept;
+    std::size_t asked = 0;
+};
+StreamRead streamRead(const std::vector<std::uint8_t>& bytes, std::size_t claimed) {
+    StreamRead r;
+    r.array.reset(hvDeserializeFrom(
+        claimed,
+        [&](void* p, std::size_t n) {
+            if (r.asked + n > bytes.size()) {
+                throw std::runtime_error("read beyond the bytes");
+            }
+            std::memcpy(p, bytes.data() + r.asked, n);
+            r.asked += n;
+        },
+        r.kept));
+    return r;
+}
+
+TEST(HvSerialize, StreamedFormsAreTheSameBytesAndBuildOnlyRawArrays) {
+    registerBox();
+    HvArrayPtr value = everything();
+    HvArrayPtr big = filled(hvINT16_CLASS, 3, 5000); // element data larger than a gathered block
+    const std::size_t dims3[] = {2, 3, 4};
+    HvArrayPtr nd(hvCreateNumericArray(hvSINGLE_CLASS, 3, dims3));
+    hvSetFlags(nd.get(), hvFLAG_SPARSE);
+    HvArrayPtr empty(hvCreateNumericMatrix(hvDOUBLE_CLASS, 0, 3));
+    const std::vector<const hvArray*> arrays{value.get(), big.get(), nd.get(), empty.get(),
+                                             nullptr};
+    for (const hvArray* a : arrays) {
+        const std::vector<std::uint8_t> bytes = bytesOf(a);
+        EXPECT_EQ(streamedBytesOf(a), bytes);
+        StreamRead r = streamRead(bytes, bytes.size());
+        EXPECT_EQ(r.asked, bytes.size());
+        if (a != nullptr && a != value.get()) {
+            // Raw elements: built here, equal to the original, flags and dimensions included.
+            ASSERT_NE(r.array, nullptr);
+            EXPECT_TRUE(r.kept.empty());
+            EXPECT_TRUE(hvAreMatricesEqual(r.array.get(), a));
+            EXPECT_EQ(hvGetFlags(r.array.get()), hvGetFlags(a));
+            EXPECT_EQ(hvGetNumberOfDimensions(r.array.get()), hvGetNumberOfDimensions(a));
+        } else {
+            // Containers, opaque arrays and null are handed back as their bytes, unbuilt.
+            EXPECT_EQ(r.array, nullptr);
+            EXPECT_EQ(r.kept, bytes);
+        }
+    }
+}
+
+TEST(HvSerialize, StreamedReadRefusesLengthsBeyondItsSizeBeforeAllocating) {
+    HvArrayPtr a = filled(hvDOUBLE_CLASS, 1, 1000);
+    const std::vector<std::uint8_t> bytes = bytesOf(a.get());
+    // A size short of the elements: refused once the dimensions are read.
+    try {
+        streamRead(bytes, bytes.size() - 8);
+        FAIL() << "a short size was accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("truncated"), std::string::npos) << e.what();
+    }
+    // Dimensions claiming 2^40 elements in 64 bytes: refused without reading any.
+    std::vector<std::uint8_t> huge =
+        bytesOf(HvArrayPtr(hvCreateNumericMatrix(hvDOUBLE_CLASS, 1, 1)).get());
+    huge.resize(huge.size() - 9); // the data and the second dimension
+    for (std::uint8_t b : {0x80, 0x80, 0x80, 0x80, 0x80, 0x20}) {
+        huge.push_back(b);
+    }
+    try {
+        streamRead(huge, huge.size() + 64);
+        FAIL() << "2^40 elements were accepted in 64 bytes";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("elements of 8 bytes"), std::string::npos) << e.what();
+    }
+    // Bytes after the array, and a corrupt header, refused as hvDeserialize refuses them.
+    std::vector<std::uint8_t> longer = bytes;
+    longer.push_back(0);
+    EXPECT_THROW(streamRead(longer, longer.size()), std::runtime_error);
+    std::vector<std::uint8_t> wrong = bytes;
+    wrong[0] = 'X';
+    EXPECT_THROW(streamRead(wrong, wrong.size()), std::runtime_error);
+    // Too short for a header: handed back as bytes, for hvDeserialize to refuse.
+    StreamRead small = streamRead(std::vector<std::uint8_t>{'H', 'V'}, 2);
+    EXPECT_EQ(small.array, nullptr);
+    EXPECT_THROW(hvDeserialize(small.kept.data(), small.kept.size()), std::runtime_error);
+}
+
+} // namespace

@@ -244,6 +244,86 @@ TEST(FEvalIIP, ClientPacketCrossesAnArchiveAndRebuildsItsArgumentsOnEveryCall) {
     EXPECT_EQ(written.substr(written.size() - 26), "isOutputConvertedFromEDI0\n");
 }
 
+namespace {
+
+// Arguments saved as byte vectors made by serializeHvArrays: the form the wire had before arrays
+// were written straight into the archive.
+class ByteVectorData : public FEvalIIP::Data {
+public:
+    explicit ByteVectorData(std::vector<const hvArray*> arrays) : arrays_(std::move(arrays)) {}
+    FEvalIIP::Payload serialize() override { return qd::serializeHvArrays(arrays_); }
+    FEvalIIP::Inputs getInputs() override { return std::vector<const hvArray*>(); }
+    boost::shared_ptr<FEvalCompletedEvent> createEvent(IDType const&,
+                                                       std::vector<Array>&&) override {
+        return nullptr;
+    }
+    boost::shared_ptr<FEvalCompletedEvent> createEvent(IDType const&,
+                                                       std::vector<hvArray*>&) override {
+        return nullptr;
+    }
+    bool isOutputConvertedFromEDI() override { return false; }
+
+private:
+    std::vector<const hvArray*> arrays_;
+};
+
+boost::shared_ptr<FEvalIIP> guardedReadPacket(std::string const& bytes) {
+    foundation::msg_svc::serialization::GuardedIArchive::Buffer buffer(bytes.data(), bytes.size());
+    std::istream in(&buffer);
+    foundation::msg_svc::serialization::PolymorphicGuardedIArchive archive(in);
+    IIP* raw = nullptr;
+    static_cast<boost::archive::polymorphic_iarchive&>(archive) >>
+        boost::serialization::make_nvp("object", raw);
+    return boost::dynamic_pointer_cast<FEvalIIP>(boost::shared_ptr<IIP>(raw));
+}
+
+} // namespace
+
+TEST(FEvalIIP, WireArgumentsAreTheBytesOfTheByteVectorFormAndArriveBuilt) {
+    HvArrayPtr number = row(std::vector<double>(5000, -0.5));
+    HvArrayPtr nested = structOfCell(hvCreateString("abc"));
+    std::size_t const dims[] = {2, 2, 3};
+    HvArrayPtr cube = take(hvCreateNumericArray(hvINT32_CLASS, 3, dims));
+    static_cast<std::int32_t*>(hvGetData(cube.get()))[11] = 7;
+    std::vector<std::vector<const hvArray*>> lists{
+        {number.get(), nested.get(), nullptr, cube.get()}, {}};
+    for (auto const& args : lists) {
+        SCOPED_TRACE(args.size());
+        FEvalIIP client(
+            "f", 1,
+            boost::make_shared<FEvalOpaqueData<void, const std::vector<const hvArray*>>>(args),
+            UnsetIqmStreamID, nullptr, nullptr, TarnID{3}, TarnID{4});
+        FEvalIIP reference("f", 1, boost::make_shared<ByteVectorData>(args), UnsetIqmStreamID,
+                           nullptr, nullptr, TarnID{3}, TarnID{4});
+        IIP const* clientPointer = &client;
+        IIP const* referencePointer = &reference;
+        std::string const wire =
+            quorl_testing::write(quorl_testing::Family::PolyBinary, clientPointer);
+        EXPECT_EQ(wire, quorl_testing::write(quorl_testing::Family::PolyBinary, referencePointer));
+
+        auto arrived = guardedReadPacket(wire);
+        ASSERT_TRUE(arrived);
+        for (int call = 0; call < 2; ++call) {
+            auto inputs = boost::get<std::vector<const hvArray*>>(arrived->getInputArguments());
+            ASSERT_EQ(inputs.size(), args.size());
+            for (std::size_t i = 0; i < args.size(); ++i)
+                EXPECT_TRUE(hvAreMatricesEqual(inputs[i], args[i])) << i;
+            if (!inputs.empty()) {
+                // The interpreter's copy is its own: writing it leaves the packet's intact.
+                static_cast<double*>(hvGetData(const_cast<hvArray*>(inputs[0])))[0] = 9;
+            }
+            qd::nullSafeHvConstVecDestroy(inputs);
+        }
+        // Saved again, the arrived packet writes the same bytes, straight or as byte vectors.
+        IIP const* again = arrived.get();
+        EXPECT_EQ(quorl_testing::write(quorl_testing::Family::PolyBinary, again), wire);
+        auto payload =
+            boost::get<std::vector<std::vector<std::uint8_t>>>(arrived->getData()->serialize());
+        EXPECT_EQ(payload, boost::get<std::vector<std::vector<std::uint8_t>>>(
+                               reference.getData()->serialize()));
+    }
+}
+
 TEST(FEvalIIP, ServerSideResultsBecomeReferencesAndBytes) {
     static auto table = quorl::matrixref::detail::refInitMatrixReferences(
         {}, [](hvArray_tag const*) { return true; });
