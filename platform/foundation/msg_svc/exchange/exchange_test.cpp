@@ -110,12 +110,18 @@ struct Gate {
 
 class GateMessage : public Message {
 public:
-    explicit GateMessage(std::shared_ptr<Gate> g) : gate(std::move(g)) {}
+    explicit GateMessage(std::shared_ptr<Gate> g, bool fail = false)
+        : gate(std::move(g)), fail_(fail) {}
     boost::shared_ptr<Reply const> deliver(Routing const&) const override {
         gate->wait();
-        return Reply::defaultReply();
+        if (fail_)
+            throw std::runtime_error("the gate refused");
+        return boost::make_shared<TestReply>(1);
     }
     std::shared_ptr<Gate> gate;
+
+private:
+    bool fail_;
 };
 
 // Sends a message to its own exchange on the unordered lane and waits for the reply while
@@ -295,6 +301,37 @@ TEST(Exchange, FailuresReachTheSender) {
     ex->submitWithReply(boost::make_shared<EchoMessage>(0), own()).get(); // in-order barrier
     EXPECT_EQ(got.load(), 1);
     EXPECT_THROW(ExchangeApi::configure(ExchangeConfig()), std::logic_error);
+}
+
+// Waiters that would poll for an hour are ended by the reply, a value or a failure, on either
+// road to a future.
+TEST(Exchange, AReplyEndsTheSpinOfItsWaiter) {
+    ExchangeConfig config;
+    config.replySpin = std::chrono::hours(1);
+    auto ex = ExchangeApi::create(config);
+    Address const to(ex->getExchangeName(), Address::SpecializedQueues::unordered());
+    for (bool fail : {false, true}) {
+        auto gate = std::make_shared<Gate>();
+        auto typed =
+            submitForReply<TestReply>(*ex, boost::make_shared<GateMessage>(gate, fail), to);
+        auto plain = ex->submitWithReply(boost::make_shared<GateMessage>(gate, fail), to);
+        std::promise<void> waiting;
+        auto waiter = std::async(std::launch::async, [&] {
+            waiting.set_value();
+            typed.wait();
+            plain.wait();
+        });
+        waiting.get_future().wait();
+        gate->release();
+        waiter.get();
+        if (fail) {
+            EXPECT_THROW(typed.get(), std::runtime_error);
+            EXPECT_THROW(plain.get(), std::runtime_error);
+        } else {
+            EXPECT_EQ(typed.get()->value, 1);
+            EXPECT_TRUE(plain.get());
+        }
+    }
 }
 
 TEST(Exchange, UnorderedOvertakesQueuedWorkAndMayBlockOnReplies) {

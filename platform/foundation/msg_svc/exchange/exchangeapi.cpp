@@ -71,7 +71,7 @@ public:
         : name_(config.name.empty() ? generatedName() : config.name), transport_(config.transport),
           ordered_([this] { tlsDeliveringFor = this; }),
           unordered_(config.maxUnorderedThreads, [this] { tlsDeliveringFor = this; }),
-          blocks_(config.blockCacheBytes) {
+          blocks_(config.blockCacheBytes), replySpin_(config.replySpin) {
         if (transport_)
             transport_->start(name_, *this);
     }
@@ -147,6 +147,7 @@ public:
     }
 
     bool isDeliveryThread() const { return tlsDeliveringFor == this; }
+    std::chrono::microseconds replySpin() const { return replySpin_; }
 
     // TransportSink
     void receiveFrame(std::string const& from, char const* bytes, std::size_t size) override {
@@ -599,6 +600,7 @@ private:
     detail::SerialLane ordered_;
     detail::ElasticLane unordered_;
     BlockDedup blocks_;
+    std::chrono::microseconds const replySpin_;
 };
 
 namespace {
@@ -671,16 +673,23 @@ boost::unique_future<boost::shared_ptr<Reply const>>
 ExchangeApi::submitWithReply(boost::shared_ptr<Message const> const& message,
                              Address const& address) {
     auto promise = std::make_shared<boost::promise<boost::shared_ptr<Reply const>>>();
+    ReplySpin const spin = makeReplySpin();
+    spin.arm(*promise);
     auto future = promise->get_future();
-    impl_->submit(
-        message, address,
-        [promise](boost::shared_ptr<Reply const> const& reply, boost::exception_ptr const& error) {
-            if (error)
-                promise->set_exception(error);
-            else
-                promise->set_value(reply);
-        });
+    impl_->submit(message, address,
+                  [promise, spin](boost::shared_ptr<Reply const> const& reply,
+                                  boost::exception_ptr const& error) {
+                      if (error)
+                          promise->set_exception(error);
+                      else
+                          promise->set_value(reply);
+                      spin.ready();
+                  });
     return future;
+}
+
+ReplySpin ExchangeApi::makeReplySpin() const {
+    return ReplySpin(impl_->replySpin());
 }
 
 void ExchangeApi::submit(boost::shared_ptr<Message const> const& message, Address const& address) {

@@ -24,6 +24,7 @@
 #include <foundation/msg_svc/exchange/address.hpp>
 #include <foundation/msg_svc/exchange/message.hpp>
 #include <foundation/msg_svc/exchange/reply.hpp>
+#include <foundation/msg_svc/exchange/replyspin.hpp>
 #include <foundation/msg_svc/exchange/transport.hpp>
 
 #include <boost/enable_shared_from_this.hpp>
@@ -52,6 +53,9 @@ struct ExchangeConfig {
     // arrived in, so this bounds the memory held for each peer; give both sides the same value.
     // 0: every block is sent in full.
     std::size_t blockCacheBytes = std::size_t(1) << 30;
+    // A thread that waits on a reply's future (submitWithReply, submitForReply) polls for the
+    // reply this long before it sleeps: see ReplySpin. 0: it sleeps at once.
+    std::chrono::microseconds replySpin{250};
 };
 
 class ExchangeApi : public boost::enable_shared_from_this<ExchangeApi> {
@@ -87,6 +91,8 @@ public:
                                    Address const& address, ReplyHandler const& handler,
                                    ErrorHandler const& onError);
     virtual std::string getExchangeName() const;
+    // A new spin for one reply's promise, of this exchange's configured bound.
+    ReplySpin makeReplySpin() const;
 
     // Registers the actor that serves `serviceName` on this exchange; its messages are delivered
     // on a thread of its own, in order. Throws std::invalid_argument if the name is taken or is
@@ -121,13 +127,19 @@ boost::unique_future<boost::shared_ptr<R const>>
 submitForReply(ExchangeApi& exchange, boost::shared_ptr<Message const> const& message,
                Address const& address) {
     auto promise = boost::make_shared<boost::promise<boost::shared_ptr<R const>>>();
+    ReplySpin const spin = exchange.makeReplySpin();
+    spin.arm(*promise);
     auto future = promise->get_future();
     exchange.submitWithHandler(
         message, address,
-        [promise](boost::shared_ptr<Reply const> const& reply) {
+        [promise, spin](boost::shared_ptr<Reply const> const& reply) {
             R::assignToPromise(promise, reply);
+            spin.ready();
         },
-        [promise](boost::exception_ptr const& e) { promise->set_exception(e); });
+        [promise, spin](boost::exception_ptr const& e) {
+            promise->set_exception(e);
+            spin.ready();
+        });
     return future;
 }
 

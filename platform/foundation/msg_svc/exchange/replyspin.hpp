@@ -1,0 +1,63 @@
+#pragma once
+// ReplySpin: lets a thread that waits on a reply's future poll for the reply a short while
+// before it sleeps.
+//
+// Waking a sleeping thread costs tens of microseconds where idle processors halt (virtual
+// machines, power saving): more than the work of a whole round trip. A reply that comes within
+// the spin finds its waiter still running. The price is processor time, at most the bound per
+// wait; the spinning thread yields to any other thread that wants the processor.
+//
+// Ownership and threading: a ReplySpin is a cheap handle to one shared flag; copies (the promise's
+// setter, the wait callback) share it. arm() the promise before its future is handed out; call
+// ready() once the promise holds its result, value or exception, from any thread. A wait on the
+// future that finds it unready spins until ready() or the bound, whichever comes first, then goes
+// on as usual: a timed wait still times out, at the earliest after the spin.
+//
+//     ReplySpin spin(std::chrono::microseconds(250));
+//     auto promise = boost::make_shared<boost::promise<int>>();
+//     spin.arm(*promise);
+//     auto future = promise->get_future();
+//     // on the thread that answers:  promise->set_value(42); spin.ready();
+#include <boost/thread/future.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+
+namespace foundation {
+namespace msg_svc {
+namespace exchange {
+
+class ReplySpin {
+public:
+    // A bound of zero or less arms nothing: waits sleep at once.
+    explicit ReplySpin(std::chrono::microseconds bound)
+        : ready_(std::make_shared<std::atomic<bool>>(false)), bound_(bound) {}
+
+    template <class T> void arm(boost::promise<T>& promise) const {
+        if (bound_.count() <= 0)
+            return;
+        promise.set_wait_callback(Waiter{ready_, bound_});
+    }
+
+    void ready() const { ready_->store(true, std::memory_order_release); }
+
+private:
+    // The wait callback. It lives in the promise's shared state: it holds the flag, never the
+    // promise, which would keep that state alive for ever.
+    struct Waiter {
+        typedef void result_type; // for boost::bind
+        std::shared_ptr<std::atomic<bool>> ready;
+        std::chrono::microseconds bound;
+        template <class Promise> void operator()(Promise&) const { spin(*ready, bound); }
+    };
+
+    static void spin(std::atomic<bool> const& ready, std::chrono::microseconds bound);
+
+    std::shared_ptr<std::atomic<bool>> ready_;
+    std::chrono::microseconds bound_;
+};
+
+} // namespace exchange
+} // namespace msg_svc
+} // namespace foundation
