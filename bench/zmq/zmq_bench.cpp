@@ -1,7 +1,9 @@
 // The exchange across processes on ZeroMQ, each figure beside raw ZeroMQ doing the same in the
 // same run:
 //  - an IIPCancelMessage and its IIPCancelReply over ipc:// and over tcp:// (CURVE on both
-//    sides), beside a raw DEALER/ROUTER round trip of the same frame bytes;
+//    sides), beside a raw DEALER/ROUTER round trip of the same frame bytes, whose client blocks
+//    in its receive, and beside the same raw round trip with a client that polls before it
+//    blocks, as the exchange's waiters do;
 //  - a 100 MB frame one way (answered by a few bytes), beside raw ZeroMQ sending the same.
 // The far sides are child processes forked before any thread starts: two exchanges (ipc, tcp)
 // and one raw ROUTER serving both transports.
@@ -23,12 +25,14 @@
 
 #include <zmq.hpp>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -144,15 +148,29 @@ zmq::socket_t rawDealer(std::string const& endpoint) {
     return s;
 }
 
-void rawRoundTrip(benchmark::State& state, std::string const& endpoint) {
+// Raw ZeroMQ; `polling`: the client polls for the answer as the exchange's waiters do (up to the
+// same bound, yielding) before it blocks, so that the two differ only in the work they do.
+void rawRoundTrip(benchmark::State& state, std::string const& endpoint, bool polling) {
     auto s = rawDealer(endpoint);
     std::string const request = cancelFrame();
+    auto const bound = ex::ExchangeConfig().replySpin;
     zmq::message_t in;
+    auto receive = [&] {
+        if (polling) {
+            auto const until = std::chrono::steady_clock::now() + bound;
+            do {
+                if (s.recv(in, zmq::recv_flags::dontwait))
+                    return;
+                std::this_thread::yield();
+            } while (std::chrono::steady_clock::now() < until);
+        }
+        (void)s.recv(in);
+    };
     s.send(zmq::buffer(request));
-    (void)s.recv(in);
+    receive();
     for (auto _ : state) {
         s.send(zmq::buffer(request));
-        (void)s.recv(in);
+        receive();
         benchmark::DoNotOptimize(in.data());
     }
 }
@@ -161,13 +179,19 @@ void BM_ExchangeCancelRoundTrip_Ipc(benchmark::State& state) {
     exchangeCancel(state, ipcExchange);
 }
 void BM_RawRoundTrip_Ipc(benchmark::State& state) {
-    rawRoundTrip(state, rawIpc);
+    rawRoundTrip(state, rawIpc, false);
+}
+void BM_RawPollingRoundTrip_Ipc(benchmark::State& state) {
+    rawRoundTrip(state, rawIpc, true);
 }
 void BM_ExchangeCancelRoundTrip_TcpCurve(benchmark::State& state) {
     exchangeCancel(state, tcpExchange);
 }
 void BM_RawRoundTrip_TcpCurve(benchmark::State& state) {
-    rawRoundTrip(state, rawTcp);
+    rawRoundTrip(state, rawTcp, false);
+}
+void BM_RawPollingRoundTrip_TcpCurve(benchmark::State& state) {
+    rawRoundTrip(state, rawTcp, true);
 }
 
 void BM_Exchange100MB_Ipc(benchmark::State& state) {
@@ -219,8 +243,10 @@ BOOST_CLASS_EXPORT(BlobMessage)
 
 BENCHMARK(BM_ExchangeCancelRoundTrip_Ipc)->UseRealTime();
 BENCHMARK(BM_RawRoundTrip_Ipc)->UseRealTime();
+BENCHMARK(BM_RawPollingRoundTrip_Ipc)->UseRealTime();
 BENCHMARK(BM_ExchangeCancelRoundTrip_TcpCurve)->UseRealTime();
 BENCHMARK(BM_RawRoundTrip_TcpCurve)->UseRealTime();
+BENCHMARK(BM_RawPollingRoundTrip_TcpCurve)->UseRealTime();
 BENCHMARK(BM_Exchange100MB_Ipc)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 BENCHMARK(BM_Raw100MB_Ipc)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 
