@@ -1,9 +1,11 @@
 #pragma once
 // FEvalIIP: the packet of a function call: the function's name, the number of outputs asked for
 // (nlhs), the caller's and the evaluator's contexts, and the arguments and result handling behind
-// FEvalIIP::Data. The client's data is an FEvalOpaqueData; a packet read from an archive holds
-// the arguments as they travelled (bytes made by hvSerialize, or EDI payloads) and makes the
-// results fit to travel back (references and portable strings, then bytes).
+// FEvalIIP::Data. The client's data is an FEvalOpaqueData, whose arrays a binary archive writes
+// straight into itself. A packet read from an archive holds the arguments as they travelled: from
+// a binary archive, arrays of raw elements already built from the bytes and the others as the
+// bytes hvSerialize made; from other archives, the bytes; or EDI payloads. It makes the results
+// fit to travel back (references and portable strings, then bytes).
 //
 // The interpreter side reads getFunctionName, getNlhs, getInputArguments (new arrays each call,
 // owned by the caller) and isOutputConvertedFromEDI, and completes with createEvent in the form
