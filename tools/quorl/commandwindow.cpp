@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <memory>
 #include <poll.h>
 #include <unistd.h>
@@ -24,11 +25,15 @@ char const* const kContinuation = ".. ";
 // The prompt's Ctrl-C: set when the line being typed was dropped.
 bool droppedLine = false;
 Interrupts* activeInterrupts = nullptr;
+// Where the characters are read. A terminal's Ctrl-C throws away the input not yet read, so a
+// blocking read after poll saw input could wait for ever while the signal goes to another
+// thread: a terminal is read through a descriptor of its own that does not block.
+int inputFd = STDIN_FILENO;
 
 // libedit's character source: standard input, or an end of the line at Ctrl-C (the signal, or
 // the character itself when the terminal passes it on).
 int readCharacter(FILE*) {
-    pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {activeInterrupts->promptFd(), POLLIN, 0}};
+    pollfd fds[2] = {{inputFd, POLLIN, 0}, {activeInterrupts->promptFd(), POLLIN, 0}};
     for (;;) {
         int const ready = ::poll(fds, 2, -1);
         if (ready < 0 && errno == EINTR)
@@ -43,8 +48,8 @@ int readCharacter(FILE*) {
             continue;
         }
         unsigned char c = 0;
-        ssize_t const got = ::read(STDIN_FILENO, &c, 1);
-        if (got < 0 && errno == EINTR)
+        ssize_t const got = ::read(inputFd, &c, 1);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (got <= 0)
             return EOF;
@@ -68,6 +73,12 @@ CommandWindow::CommandWindow(RequestRunner& runner, Console& console, Interrupts
 
 int CommandWindow::run() {
     activeInterrupts = &interrupts_;
+    inputFd = STDIN_FILENO;
+    if (::isatty(STDIN_FILENO)) {
+        int const own = ::open("/proc/self/fd/0", O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+        if (own >= 0)
+            inputFd = own;
+    }
     rl_catch_signals = 0;
     rl_getc_function = readCharacter;
     rl_readline_name = "quorl";
@@ -116,6 +127,9 @@ int CommandWindow::run() {
     }
     if (!options_.historyFile.empty())
         write_history(options_.historyFile.c_str());
+    if (inputFd != STDIN_FILENO)
+        ::close(inputFd);
+    inputFd = STDIN_FILENO;
     activeInterrupts = nullptr;
     return code;
 }
