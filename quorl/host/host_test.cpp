@@ -80,22 +80,6 @@ struct WriteRunner : quorl::host::PacketRunner {
     }
 };
 
-class WriteRequest : public CmdRequest {
-public:
-    explicit WriteRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out)
-        : CmdRequest(UnsetIqmStreamID, out, nullptr) {}
-
-protected:
-    boost::shared_ptr<IIP> createIIP() override {
-        return boost::make_shared<IIP>("test_write", UnsetIqmStreamID, getOutputSink(),
-                                       getErrorSink());
-    }
-};
-
-boost::shared_ptr<CmdRequest> writeRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out) {
-    return boost::make_shared<WriteRequest>(out);
-}
-
 class StringSink : public quorl::io::VeldraSink {
 public:
     StringSink() : VeldraSink(boost::make_shared<cpp11compat::u16stringbuf>()) {}
@@ -104,18 +88,25 @@ public:
     }
 };
 
-class LoopRequest : public CmdRequest {
+// A request for a packet of the runner registered under `plugin` ("test_loop", "test_write").
+class RunnerRequest : public CmdRequest {
 public:
-    LoopRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out = nullptr,
-                boost::shared_ptr<quorl::io::VeldraSink> const& err = nullptr)
-        : CmdRequest(UnsetIqmStreamID, out, err) {}
+    RunnerRequest(std::string plugin, boost::shared_ptr<quorl::io::VeldraSink> const& out = nullptr,
+                  boost::shared_ptr<quorl::io::VeldraSink> const& err = nullptr)
+        : CmdRequest(UnsetIqmStreamID, out, err), plugin_(std::move(plugin)) {}
 
 protected:
     boost::shared_ptr<IIP> createIIP() override {
-        return boost::make_shared<IIP>("test_loop", UnsetIqmStreamID, getOutputSink(),
-                                       getErrorSink());
+        return boost::make_shared<IIP>(plugin_, UnsetIqmStreamID, getOutputSink(), getErrorSink());
     }
+
+private:
+    std::string plugin_;
 };
+
+boost::shared_ptr<CmdRequest> writeRequest(boost::shared_ptr<quorl::io::VeldraSink> const& out) {
+    return boost::make_shared<RunnerRequest>("test_write", out);
+}
 
 // The completion or discard that reached a packet's bypass, and the thread it came on.
 struct BypassProbe {
@@ -243,7 +234,7 @@ TEST_F(HostTest, CompletesThroughTheBypassOrElseThroughEventsAndReportsThrowingT
 TEST_F(HostTest, CancelDiscardsAQueuedPacketAndInterruptsARunningOne) {
     FennID const fenn{5};
     auto distributor = CmdDistributor::instance(fenn);
-    boost::shared_ptr<CmdRequest> looping = boost::make_shared<LoopRequest>();
+    boost::shared_ptr<CmdRequest> looping = boost::make_shared<RunnerRequest>("test_loop");
     IDType const loopId;
     auto loopFuture = distributor->enqueueWithFuture(looping, loopId);
     while (loop->safePoints.load() == 0)
@@ -296,7 +287,8 @@ TEST_F(HostTest, OutputOfARunningPacketReachesTheRequestsOwnSinks) {
     auto errBuffer = boost::make_shared<quorl_testing::TextBuffer>();
     auto out = boost::make_shared<quorl::io::VeldraSink>(outBuffer);
     auto err = boost::make_shared<quorl::io::VeldraSink>(errBuffer);
-    boost::shared_ptr<CmdRequest> request = boost::make_shared<LoopRequest>(out, err);
+    boost::shared_ptr<CmdRequest> request =
+        boost::make_shared<RunnerRequest>("test_loop", out, err);
     auto future = CmdDistributor::instance(FennID{8})->enqueueWithFuture(request);
     EXPECT_EQ(outBuffer->waitForLength(7), u"looping");
     EXPECT_EQ(errBuffer->waitForLength(8), u"on error");
