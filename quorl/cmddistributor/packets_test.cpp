@@ -99,11 +99,8 @@ TEST(Packets, TraitsAreComputedLateAndCrossArchives) {
 
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        IIP const* p = &iip;
-        IIP* back = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, p), back);
+        auto back = quorl_testing::roundTripThroughBase<IIP>(f, iip);
         ASSERT_TRUE(back);
-        std::unique_ptr<IIP> owned(back);
         EXPECT_TRUE(back->wasSerialized());
         EXPECT_FALSE(back->getOutputSink());
         EXPECT_FALSE(bool(*back->getEventMgrBypass()));
@@ -249,11 +246,7 @@ TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
     IIPEnqueueMessage const m = message(boost::make_shared<PlainIIP const>(nullptr, nullptr));
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        foundation::msg_svc::exchange::Message const* p = &m;
-        foundation::msg_svc::exchange::Message* back = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, p), back);
-        std::unique_ptr<foundation::msg_svc::exchange::Message> owned(back);
-        auto* e = dynamic_cast<IIPEnqueueMessage*>(back);
+        auto e = quorl_testing::roundTripThroughBase<foundation::msg_svc::exchange::Message>(f, m);
         ASSERT_TRUE(e);
         EXPECT_TRUE(*e == m);
         EXPECT_EQ(e->getIIPId(), id);

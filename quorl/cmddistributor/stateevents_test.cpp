@@ -23,10 +23,7 @@ using quorl_testing::Family;
 namespace {
 // Writes `e` through a base pointer and reads it back; null unless it comes back as a T.
 template <class T> boost::shared_ptr<T> roundTrip(Family f, T const& e) {
-    BaseEvent const* p = &e;
-    BaseEvent* back = nullptr;
-    quorl_testing::read(f, quorl_testing::write(f, p), back);
-    return boost::dynamic_pointer_cast<T>(boost::shared_ptr<BaseEvent>(back));
+    return quorl_testing::roundTripThroughBase<BaseEvent>(f, e);
 }
 } // namespace
 
