@@ -24,8 +24,6 @@ std::size_t elementsOfFirstRow(std::string const& code) {
 }
 
 TEST(ParserBrackets, BlanksSeparateElementsButNotBinaryOperators) {
-    EXPECT_EQ(elementsOfFirstRow("[1 -2]"), 2u);
-    EXPECT_EQ(elementsOfFirstRow("[1 - 2]"), 1u);
     EXPECT_EQ(elementsOfFirstRow("[1 -  2]"), 1u);
     EXPECT_EQ(elementsOfFirstRow("[a' b']"), 2u);
     EXPECT_EQ(elementsOfFirstRow("[a 'b']"), 2u);
@@ -76,18 +74,6 @@ TEST(ParserStatements, CommandSyntaxAssignmentsAndPrinting) {
     u = parse("[a, ~, c] = f(1);");
     ASSERT_EQ(u->main->body[0]->lhs.size(), 3u);
     EXPECT_TRUE(u->main->body[0]->lhs[1].tilde);
-}
-
-TEST(ParserStatements, PowerBindsTighterThanUnaryMinusAndIsLeftAssociative) {
-    auto u = parse("-2 ^ 2");
-    Expr const& e = firstExpr(u);
-    EXPECT_EQ(e.kind, ExprKind::Unary);
-    EXPECT_EQ(e.a->kind, ExprKind::Binary);
-    u = parse("2 ^ 3 ^ 2");
-    EXPECT_EQ(firstExpr(u).a->kind, ExprKind::Binary); // (2^3)^2
-    u = parse("1:2:10");
-    EXPECT_EQ(firstExpr(u).kind, ExprKind::Range);
-    EXPECT_NE(firstExpr(u).b, nullptr);
 }
 
 TEST(ParserFunctions, FilesScriptsLocalFunctionsAndSlots) {
