@@ -140,11 +140,7 @@ TEST(EvalPackets, WireFormInEveryFamilyGivesTheClientItsOwnWorkspaceBack) {
     foundation::msg_svc::exchange::IDType id(0, 0);
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        IIP const* p = &packet;
-        IIP* back = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, p), back);
-        std::unique_ptr<IIP> owned(back);
-        auto* eval = dynamic_cast<EvalIIP*>(back);
+        auto eval = quorl_testing::roundTripThroughBase<IIP>(f, packet);
         ASSERT_TRUE(eval);
         EXPECT_TRUE(eval->wasSerialized());
         EXPECT_EQ(eval->getPluginType(), "user eval");
@@ -164,11 +160,7 @@ TEST(EvalPackets, WireFormInEveryFamilyGivesTheClientItsOwnWorkspaceBack) {
         EXPECT_EQ(loaded->getNames(), holder->getNames());
         EXPECT_TRUE(loaded->getDestNames().empty()) << "destinations stay with the client";
 
-        IIP const* b = &bare;
-        IIP* bareBack = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, b), bareBack);
-        std::unique_ptr<IIP> ownedBare(bareBack);
-        auto* bareEval = dynamic_cast<EvalIIP*>(bareBack);
+        auto bareEval = quorl_testing::roundTripThroughBase<IIP>(f, bare);
         ASSERT_TRUE(bareEval);
         EXPECT_FALSE(bareEval->getWorkspaceHolder());
         EXPECT_EQ(bareEval->getCodeType(), ConventionalType);

@@ -104,12 +104,10 @@ TEST(ShutdownEvents, TypesSerializationAndCrossing) {
               u"quorl::tarnshutdown::PreShutdownEvent");
     EXPECT_THROW(pre.addTag(u"x"), std::runtime_error);
     for (auto f : quorl_testing::allFamilies()) {
-        foundation::msg_svc::eventmgr::BaseEvent const* e = &t;
-        foundation::msg_svc::eventmgr::BaseEvent* back = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, e), back);
-        ASSERT_TRUE(dynamic_cast<TARNShutdownEvent*>(back));
+        auto back =
+            quorl_testing::roundTripThroughBase<foundation::msg_svc::eventmgr::BaseEvent>(f, t);
+        ASSERT_TRUE(back);
         EXPECT_TRUE(*back == t);
-        delete back;
     }
     EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(quorl_testing::Family::Xml, t)),
               (std::vector<std::string>{"object", "ShutdownEvent", "BaseEvent", "userTags", "count",

@@ -51,11 +51,8 @@ private:
 template <class T> void expectRoundTrips(T const& original) {
     for (Family f : quorl_testing::allFamilies()) {
         SCOPED_TRACE(quorl_testing::familyName(f));
-        BaseEvent const* asBase = &original;
-        BaseEvent* back = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, asBase), back);
-        std::unique_ptr<BaseEvent> owner(back);
-        ASSERT_TRUE(dynamic_cast<T const*>(back)) << "read back as another type";
+        auto back = quorl_testing::roundTripThroughBase<BaseEvent>(f, original);
+        ASSERT_TRUE(back) << "read back as another type";
         EXPECT_TRUE(*back == original);
     }
 }

@@ -171,11 +171,7 @@ TEST(FEvalIIP, EdiArgumentsTravelAsPayloadsAndServerDataCopiesTheWrapper) {
     FEvalIIP client("f", 1, data, UnsetIqmStreamID, nullptr, nullptr, TarnID{1}, TarnID{2});
     EXPECT_TRUE(client.isOutputConvertedFromEDI());
     for (Family f : quorl_testing::allFamilies()) {
-        IIP const* p = &client;
-        IIP* raw = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, p), raw);
-        boost::shared_ptr<IIP> loaded(raw);
-        auto server = boost::dynamic_pointer_cast<FEvalIIP>(loaded);
+        auto server = quorl_testing::roundTripThroughBase<IIP>(f, client);
         ASSERT_TRUE(server) << quorl_testing::familyName(f);
         EXPECT_TRUE(server->isOutputConvertedFromEDI());
         auto in = boost::get<EDIDataWrapper>(server->getInputArguments());
