@@ -84,6 +84,17 @@ public:
         bool expected = false;
         if (!stopped_.compare_exchange_strong(expected, true))
             return;
+        // Replies still awaited fail first: a delivery that waits for one, on a transport or
+        // lane thread joined below, would otherwise keep the join waiting for ever.
+        std::unordered_map<std::uint64_t, Pending> pending;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            pending.swap(pending_);
+        }
+        auto stoppedError =
+            boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped"));
+        for (auto& p : pending)
+            p.second.done(nullptr, stoppedError);
         if (transport_)
             transport_->stop();
         ordered_.stop();
@@ -95,15 +106,6 @@ public:
         }
         for (auto& a : actors)
             a.second->lane.stop();
-        std::unordered_map<std::uint64_t, Pending> pending;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            pending.swap(pending_);
-        }
-        auto stoppedError =
-            boost::copy_exception(DeliveryError("exchange '" + name_ + "' was stopped"));
-        for (auto& p : pending)
-            p.second.done(nullptr, stoppedError);
     }
 
     void submit(boost::shared_ptr<Message const> const& message, Address const& address,
