@@ -201,11 +201,11 @@ bool BlockDedup::send(std::string const& peer, std::string&& frame,
         if (write != read)
             std::memmove(&frame[write], &frame[read], rest);
         frame.resize(write + rest);
-        if (frame.size() < frame.capacity() / 2)
-            frame.shrink_to_fit();
     }
     frame[0] = static_cast<char>(wire::FrameKind::Blocks);
-    frame += table;
+    frame += table; // within the capacity the cut blocks left
+    if (frame.size() < frame.capacity() / 2)
+        frame.shrink_to_fit(); // the frame may wait to be sent: free what the blocks took
     try {
         send(std::move(frame));
     } catch (...) {

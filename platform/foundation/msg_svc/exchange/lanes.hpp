@@ -8,9 +8,10 @@
 // Both: post() from any thread; stop() discards jobs not yet started and joins the threads,
 // unless the process is terminating, in which case the threads are abandoned.
 // InlineSlot: a thread that hands received frames to the exchange (a transport thread) may offer
-// to run one delivery itself afterwards, once another thread has taken over the reading; the
-// delivery then needs no wake-up of a lane thread. A serial lane's job run that way is claimed
-// first (tryClaim), so that jobs posted after it wait for it and order is kept.
+// to run the deliveries of what it read itself, right afterwards; they then need no wake-up of a
+// lane thread (the transport lets another thread take over its reading should they block). A
+// serial lane's jobs run that way are claimed first (tryClaim), so that jobs posted after them
+// wait for them and order is kept.
 #include <atomic>
 #include <condition_variable>
 #include <deque>

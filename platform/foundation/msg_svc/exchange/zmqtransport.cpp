@@ -514,7 +514,7 @@ private:
     }
 
     static zmq::message_t toMessage(std::string&& frame) {
-        if (frame.size() < 65536)
+        if (frame.size() < kSmallFrame)
             return zmq::message_t(frame.data(), frame.size());
         auto* held = new std::string(std::move(frame));
         return zmq::message_t(
@@ -594,7 +594,8 @@ private:
         }
     }
 
-    // Reads one multipart message; false if it was not a single part after the expected ones.
+    // Reads one multipart message: Nothing if none was waiting, Malformed if it did not have the
+    // expected number of parts (it is drained all the same).
     enum class Read { Nothing, Malformed, Whole };
     // A receive that finds nothing has also taken in what the socket's descriptor signalled, so
     // the socket is read until then rather than asked first whether it holds input (each asking
@@ -614,7 +615,7 @@ private:
         return ok && parts.size() == want ? Read::Whole : Read::Malformed;
     }
 
-    // Reads up to a turn's worth of frames; true if more are waiting.
+    // Reads up to a turn's worth of frames; true if more may be waiting.
     bool readRouter(std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64; ++i) {
@@ -765,13 +766,13 @@ private:
     }
 
     // Ticks while the leader runs deliveries; true once this thread has taken the lead from a
-    // leader whose delivery outlasted a tick. False when stopping, when the lead is free, or
-    // after a quiet spell.
+    // leader whose delivery outlasted a tick. False when stopping or after a quiet spell. (The
+    // lead is only ever given up at stop.)
     bool watch(std::unique_lock<std::mutex>& lock) {
         std::uint64_t seen = runSerial_;
-        while (!stopping_ && leader_ != std::thread::id()) {
+        while (!stopping_) {
             followers_.wait_for(lock, kTakeOverAfter);
-            if (stopping_ || leader_ == std::thread::id())
+            if (stopping_)
                 return false;
             if (running_ && runSerial_ == seen) {
                 leader_ = std::this_thread::get_id();
@@ -839,6 +840,11 @@ private:
             {
                 detail::InlineSlot::Scope offered(canRunHere ? &slot : nullptr);
                 for (auto& r : received) {
+                    if (r.body.size() < kSmallFrame) {
+                        sink_->receiveFrame(r.from, static_cast<char const*>(r.body.data()),
+                                            r.body.size());
+                        continue;
+                    }
                     // Shared, so that the sink may keep parts of the frame without a copy.
                     auto body = boost::make_shared<zmq::message_t>(std::move(r.body));
                     sink_->receiveHeldFrame(r.from, body, static_cast<char const*>(body->data()),
@@ -991,6 +997,9 @@ private:
 
     mutable std::mutex peersMutex_; // guards known_
     std::set<std::string> known_;   // a copy of the peers for other threads
+
+    // Frames below this size are copied rather than shared between owners.
+    static constexpr std::size_t kSmallFrame = 65536;
 
     // The I/O threads, under mutex_.
     static constexpr std::size_t kMaxThreads = 8;

@@ -25,9 +25,10 @@
 // Threads: send() may be called from any thread; it hands the frame to the peer's socket on the
 // calling thread, under the transport's socket lock, and returns. The transport's I/O threads
 // take turns: one at a time connects, watches the sockets and their monitors, reads what arrives
-// and calls the sink (never under the socket lock), in the order frames arrived. A delivery the
-// exchange leaves to that thread runs after another thread (up to eight in all) has taken over
-// the reading, so it may block without holding up other frames.
+// and calls the sink (never under the socket lock), in the order frames arrived. Deliveries the
+// exchange leaves to that thread run on it at once, while another thread (up to eight in all)
+// watches: one that still runs a millisecond later has the reading taken over from it, so a
+// delivery may block without holding up other frames for long.
 #include <foundation/msg_svc/exchange/transport.hpp>
 
 #include <chrono>
