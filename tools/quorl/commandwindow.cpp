@@ -61,6 +61,27 @@ int readCharacter(FILE*) {
     }
 }
 
+// The character source of a run's prompts, put back however the run ends.
+struct InputScope {
+    explicit InputScope(Interrupts& interrupts) {
+        activeInterrupts = &interrupts;
+        inputFd = STDIN_FILENO;
+        if (::isatty(STDIN_FILENO)) {
+            int const own = ::open("/proc/self/fd/0", O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+            if (own >= 0)
+                inputFd = own;
+        }
+    }
+    ~InputScope() {
+        if (inputFd != STDIN_FILENO)
+            ::close(inputFd);
+        inputFd = STDIN_FILENO;
+        activeInterrupts = nullptr;
+    }
+    InputScope(InputScope const&) = delete;
+    InputScope& operator=(InputScope const&) = delete;
+};
+
 struct FreeLine {
     void operator()(char* line) const { std::free(line); }
 };
@@ -72,13 +93,7 @@ CommandWindow::CommandWindow(RequestRunner& runner, Console& console, Interrupts
     : runner_(runner), console_(console), interrupts_(interrupts), options_(std::move(options)) {}
 
 int CommandWindow::run() {
-    activeInterrupts = &interrupts_;
-    inputFd = STDIN_FILENO;
-    if (::isatty(STDIN_FILENO)) {
-        int const own = ::open("/proc/self/fd/0", O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-        if (own >= 0)
-            inputFd = own;
-    }
+    InputScope const input(interrupts_);
     rl_catch_signals = 0;
     rl_getc_function = readCharacter;
     rl_readline_name = "quorl";
@@ -127,10 +142,6 @@ int CommandWindow::run() {
     }
     if (!options_.historyFile.empty())
         write_history(options_.historyFile.c_str());
-    if (inputFd != STDIN_FILENO)
-        ::close(inputFd);
-    inputFd = STDIN_FILENO;
-    activeInterrupts = nullptr;
     return code;
 }
 
