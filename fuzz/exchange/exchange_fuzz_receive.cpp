@@ -78,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
             break;
         }
         case wire::FrameKind::BlockMissing:
-            (void)foundation::msg_svc::exchange::BlockDedup::missingEpoch(wire::viewFrame(*bytes));
+            (void)foundation::msg_svc::exchange::BlockDedup::missing(wire::viewFrame(*bytes));
             break;
         case wire::FrameKind::Blocks:
             std::abort(); // an unpacked frame is never of this kind

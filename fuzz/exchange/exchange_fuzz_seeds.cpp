@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
             "peer", std::string(frame), BlockDedup::hashBlocks(frame, spans), [&](std::string&& f) {
                 std::ofstream(dir + "/seed-" + std::to_string(written++), std::ios::binary) << f;
             });
-        put(dir, wire::FrameKind::BlockMissing, BlockDedup::missingPayload(42));
+        put(dir, wire::FrameKind::BlockMissing, sender.missingPayload(42));
     }
     std::cout << written << " seeds in " << dir << "\n";
     return 0;

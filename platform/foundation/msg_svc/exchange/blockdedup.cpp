@@ -105,8 +105,10 @@ private:
 };
 
 struct BlockDedup::Outgoing {
+    explicit Outgoing(std::size_t c) : capacity(c) {}
     std::mutex mutex; // held from the state change to the end of the transport's send
     std::uint64_t epoch = newEpoch();
+    std::size_t capacity; // ours, or less if the peer keeps less
     Store store;
     void reset() {
         store.clear();
@@ -129,7 +131,7 @@ std::shared_ptr<BlockDedup::Outgoing> BlockDedup::outgoing(std::string const& pe
     std::lock_guard<std::mutex> lock(mutex_);
     auto& p = out_[peer];
     if (!p)
-        p = std::make_shared<Outgoing>();
+        p = std::make_shared<Outgoing>(capacity_);
     return p;
 }
 
@@ -168,7 +170,7 @@ bool BlockDedup::send(std::string const& peer, std::string&& frame,
         if (out->store.touch(b.hash, b.length)) {
             isReference[i] = anyReference = true;
         } else {
-            out->store.insert(b.hash, b.length, nullptr, nullptr, capacity_);
+            out->store.insert(b.hash, b.length, nullptr, nullptr, out->capacity);
         }
     }
     // The table is written before the frame is cut, from the offsets in the whole frame.
@@ -182,7 +184,7 @@ bool BlockDedup::send(std::string const& peer, std::string&& frame,
         table.push_back(isReference[i] ? 1 : 0);
     }
     table.push_back(frame[0]);
-    putU(table, capacity_, 8);
+    putU(table, out->capacity, 8);
     putU(table, out->epoch, 8);
     putU(table, blocks.size(), 4);
     if (anyReference) {
@@ -341,11 +343,15 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
     return result;
 }
 
-void BlockDedup::blockMissing(std::string const& peer, std::uint64_t epoch) {
+void BlockDedup::blockMissing(std::string const& peer, Missing const& missing) {
     auto const out = outgoing(peer);
     std::lock_guard<std::mutex> lock(out->mutex);
-    if (out->epoch == epoch)
+    if (missing.capacity < out->capacity) {
+        out->capacity = static_cast<std::size_t>(missing.capacity);
+        out->reset(); // what was remembered beyond the peer's capacity is not held there
+    } else if (out->epoch == missing.epoch) {
         out->reset();
+    }
 }
 
 void BlockDedup::forget(std::string const& peer) {
@@ -366,6 +372,7 @@ void BlockDedup::forget(std::string const& peer) {
     if (out) {
         std::lock_guard<std::mutex> lock(out->mutex);
         out->reset();
+        out->capacity = capacity_; // the peer seen anew may keep more
     }
     if (in) {
         std::lock_guard<std::mutex> lock(in->mutex);
@@ -373,15 +380,16 @@ void BlockDedup::forget(std::string const& peer) {
     }
 }
 
-std::uint64_t BlockDedup::missingEpoch(wire::FrameView const& frame) {
-    if (frame.kind != wire::FrameKind::BlockMissing || frame.payloadSize != 8)
+BlockDedup::Missing BlockDedup::missing(wire::FrameView const& frame) {
+    if (frame.kind != wire::FrameKind::BlockMissing || frame.payloadSize != 16)
         throw std::runtime_error("not a block-missing frame");
-    return getU(frame.payload, 8);
+    return Missing{getU(frame.payload, 8), getU(frame.payload + 8, 8)};
 }
 
-std::string BlockDedup::missingPayload(std::uint64_t epoch) {
+std::string BlockDedup::missingPayload(std::uint64_t epoch) const {
     std::string out;
     putU(out, epoch, 8);
+    putU(out, capacity_, 8);
     return out;
 }
 

@@ -12,8 +12,9 @@
 // The receiver keeps a literal block by keeping the buffer it arrived in, without copying it.
 //
 // Getting out of step (a peer restarted unnoticed, a smaller capacity at the receiver, a forged
-// reference): the receiver answers with BlockMissing and forgets the epoch's blocks; the sender
-// starts a new epoch on hearing of it, and the receiver forgets everything of a peer whose
+// reference): the receiver answers with BlockMissing, naming its own capacity, and forgets the
+// epoch's blocks; the sender starts a new epoch on hearing of it and from then on remembers no
+// more for that peer than the peer keeps, and the receiver forgets everything of a peer whose
 // frames name a new epoch. Each side starts with a random epoch, so a restarted sender is never
 // taken for its previous run. The receiver trusts the hashes of the (authenticated) peer: a
 // lying peer only spoils its own frames.
@@ -84,15 +85,23 @@ public:
     Unpacked receive(std::string const& peer, boost::shared_ptr<void const> const& holder,
                      char const* bytes, std::size_t size);
 
-    // The peer did not hold a block of the frames of `epoch`: it forgets them all, and so does
-    // this side if that epoch is still current.
-    void blockMissing(std::string const& peer, std::uint64_t epoch);
+    // What a BlockMissing frame says: the epoch whose block was missing, and how many bytes of
+    // blocks its sender keeps.
+    struct Missing {
+        std::uint64_t epoch = 0;
+        std::uint64_t capacity = 0;
+    };
+    // The peer did not hold a block of the frames of `missing.epoch`: it forgets them all, and so
+    // does this side if that epoch is still current; this side remembers no more for that peer
+    // than the peer keeps.
+    void blockMissing(std::string const& peer, Missing const& missing);
     // Forgets all blocks of `peer`, both ways (it failed, or was seen anew).
     void forget(std::string const& peer);
 
-    // Reads the epoch from the payload of a BlockMissing frame; throws if it is not one.
-    static std::uint64_t missingEpoch(wire::FrameView const& frame);
-    static std::string missingPayload(std::uint64_t epoch);
+    // Reads a BlockMissing frame; throws if it is not one.
+    static Missing missing(wire::FrameView const& frame);
+    // The payload of this side's BlockMissing frame for `epoch`.
+    std::string missingPayload(std::uint64_t epoch) const;
 
     class Store; // blocks of one peer, least recently used evicted first
 

@@ -224,6 +224,21 @@ TEST(BlockDedup, AReferenceTheReceiverDoesNotHoldIsSentAgainInFull) {
         EXPECT_LT(p.sentBy(x, 1), 64 * 1024);
         EXPECT_EQ(p.tap->missing, 1);
 
+        // The other way: a requester that keeps no blocks loses at most one reply that refers
+        // to one; its answer tells the replier to keep no more for it than it does.
+        Pair q(zmq, 0, 64 * MiB);
+        auto const echo = boost::make_shared<SeededBlocks>(std::vector<int>{}, 2 * MiB, 12);
+        int lost = 0;
+        for (int i = 0; i < 4; ++i) {
+            try {
+                EXPECT_EQ(q.ask(echo)->blob, block(12, 2 * MiB));
+            } catch (DeliveryError const&) {
+                ++lost;
+            }
+        }
+        EXPECT_LE(lost, 1);
+        EXPECT_EQ(q.ask(echo)->blob, block(12, 2 * MiB));
+
         // The receiver restarts and the sender does not hear of it. (Over ZeroMQ a frame sent
         // meanwhile may be lost, and only the failure that is hidden here would tell of it.)
         if (zmq)

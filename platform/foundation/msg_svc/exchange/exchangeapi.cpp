@@ -497,7 +497,7 @@ private:
         // peer in step again.
         sendBack(from,
                  wire::Frame{wire::FrameKind::BlockMissing, isReply ? 0 : unpacked.correlation, "",
-                             BlockDedup::missingPayload(unpacked.epoch)});
+                             blocks_.missingPayload(unpacked.epoch)});
         if (isReply) {
             if (Completion done = takePending(unpacked.correlation))
                 done(nullptr, boost::copy_exception(DeliveryError(
@@ -507,15 +507,15 @@ private:
     }
 
     void receiveBlockMissing(std::string const& from, wire::FrameView const& frame) {
-        std::uint64_t epoch;
+        BlockDedup::Missing missing;
         try {
-            epoch = BlockDedup::missingEpoch(frame);
+            missing = BlockDedup::missing(frame);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": dropped a malformed frame from " << from << ": " << e.what();
             return;
         }
-        blocks_.blockMissing(from, epoch);
+        blocks_.blockMissing(from, missing);
         if (!frame.correlation)
             return;
         if (frame.correlation & kNoticeBit) {

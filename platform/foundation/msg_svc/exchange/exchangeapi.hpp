@@ -50,8 +50,10 @@ struct ExchangeConfig {
     // Large blocks in frames (single archive writes of at least 1 MiB: an array's data, say)
     // are remembered per peer and each way, up to this many bytes, so that a block the peer
     // holds already crosses as a short reference. The receiver keeps the frames such blocks
-    // arrived in, so this bounds the memory held for each peer; give both sides the same value.
-    // 0: every block is sent in full.
+    // arrived in, so this bounds the memory held for each peer. A side that keeps less than its
+    // peer tells it the first time a block is missing (a reply that referred to one is lost
+    // then, once); from then on the peer remembers no more for it. 0: every block is sent in
+    // full.
     std::size_t blockCacheBytes = std::size_t(1) << 30;
     // A thread that waits on a reply's future (submitWithReply, submitForReply) polls for the
     // reply this long before it sleeps: see ReplySpin. 0: it sleeps at once.
