@@ -84,6 +84,7 @@ public:
         bool expected = false;
         if (!stopped_.compare_exchange_strong(expected, true))
             return;
+        live_->store(false, std::memory_order_release);
         // Replies still awaited fail first: a delivery that waits for one, on a transport or
         // lane thread joined below, would otherwise keep the join waiting for ever.
         std::unordered_map<std::uint64_t, Pending> pending;
@@ -315,7 +316,11 @@ private:
         // Joining: only while nothing was posted behind the claim, which would go first.
         if (joining ? !slot.joins(lane) || !lane->nothingQueued() : lane && !lane->tryClaim())
             return false;
-        auto run = [this, job = std::move(job)] {
+        // A job of the batch may stop (and so destroy) this exchange: the jobs after it, and the
+        // release, then find `live` false and leave it alone, as a stopped lane drops its jobs.
+        auto run = [this, live = live_, job = std::move(job)] {
+            if (!live->load(std::memory_order_acquire))
+                return;
             struct Restore {
                 ExchangeApi::Impl const* previous;
                 ~Restore() { tlsDeliveringFor = previous; }
@@ -325,8 +330,18 @@ private:
         };
         if (joining)
             return slot.append(lane, std::move(run));
-        return slot.offer(lane, std::move(run),
-                          lane ? detail::Job([lane] { lane->release(); }) : detail::Job());
+        try {
+            return slot.offer(lane, std::move(run),
+                              lane ? detail::Job([lane, live = live_] {
+                                  if (live->load(std::memory_order_acquire))
+                                      lane->release();
+                              })
+                                   : detail::Job());
+        } catch (...) {
+            if (lane)
+                lane->release(); // claimed for a job that could not be taken
+            throw;
+        }
     }
 
     void sendRemote(boost::shared_ptr<Message const> const& message, Address const& address,
@@ -593,6 +608,9 @@ private:
     std::string const name_;
     boost::shared_ptr<Transport> transport_;
     std::atomic<bool> stopped_{false};
+    // False once stopped; shared with deliveries left to a transport thread, which may outlive
+    // this.
+    std::shared_ptr<std::atomic<bool>> const live_ = std::make_shared<std::atomic<bool>>(true);
     mutable std::mutex mutex_; // guards actors_, pending_, nextCorrelation_, nextNotice_
     std::map<std::string, std::shared_ptr<Actor>> actors_;
     std::unordered_map<std::uint64_t, Pending> pending_;
