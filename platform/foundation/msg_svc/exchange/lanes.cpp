@@ -40,27 +40,22 @@ bool InlineSlot::append(void const* key, Job&& job) {
     return true;
 }
 
-Job InlineSlot::take() {
-    struct Batch {
-        std::vector<Job> jobs;
-        Job release;
-        void operator()() {
-            struct Finally {
-                Job& release;
-                ~Finally() {
-                    if (release)
-                        release();
-                }
-            } finally{release};
-            for (auto& job : jobs)
-                job();
+void InlineSlot::runAll() {
+    // The slot is no thread's slot while its jobs run (the offering thread's Scope has ended),
+    // so nothing joins them meanwhile.
+    struct Finally {
+        InlineSlot& slot;
+        ~Finally() {
+            Job release = std::move(slot.release_);
+            slot.release_ = nullptr;
+            slot.jobs_.clear(); // keeps the capacity for the next turn
+            slot.key_ = nullptr;
+            if (release)
+                release();
         }
-    };
-    auto batch = std::make_shared<Batch>(Batch{std::move(jobs_), std::move(release_)});
-    jobs_.clear();
-    release_ = nullptr;
-    key_ = nullptr;
-    return [batch] { (*batch)(); };
+    } finally{*this};
+    for (auto& job : jobs_)
+        job();
 }
 
 InlineSlot::Scope::Scope(InlineSlot* slot) : previous_(tlsSlot) {

@@ -97,8 +97,9 @@ public:
     bool empty() const { return jobs_.empty(); }
     // True if a job of `key` would join the jobs taken already.
     bool joins(void const* key) const { return !jobs_.empty() && key && key == key_; }
-    // The jobs and their release as one job; the slot is empty afterwards.
-    Job take();
+    // Runs the jobs in order, then their release; the slot is empty afterwards. Not while the
+    // slot is offered (within its Scope).
+    void runAll();
 
     // Makes `slot` the calling thread's slot for its lifetime.
     class Scope {

@@ -856,7 +856,6 @@ private:
                 sink_->peerFailed(f.first, f.second);
             failed.clear();
             if (!slot.empty()) {
-                detail::Job job = slot.take();
                 bool notify = false;
                 lock.lock();
                 bool const watched = !stopping_ && canBeWatched(notify);
@@ -868,7 +867,7 @@ private:
                 lock.unlock();
                 if (notify)
                     followers_.notify_one(); // an idle thread becomes the watcher
-                job();
+                slot.runAll();
                 lock.lock();
                 if (leader_ != std::this_thread::get_id())
                     return; // taken over while the delivery ran
