@@ -182,6 +182,35 @@ template <class In> std::uint64_t readVarint(In& in, const char* what) {
     corrupt(std::string(what) + " does not fit in 64 bits");
 }
 
+// The flags and dimensions that follow an array's class, refused where no array has them.
+struct Shape {
+    std::uint32_t flags = 0;
+    std::vector<std::size_t> dims;
+};
+template <class In> Shape readShape(In& in) {
+    std::uint64_t const flags = readVarint(in, "flags");
+    if (flags > 0xffffffffu) {
+        corrupt("flags out of range");
+    }
+    std::uint64_t const ndim = readVarint(in, "number of dimensions");
+    if (ndim < 2 || ndim > kMaxDims) {
+        corrupt("number of dimensions " + std::to_string(ndim));
+    }
+    Shape shape;
+    shape.flags = static_cast<std::uint32_t>(flags);
+    for (std::uint64_t i = 0; i < ndim; ++i) {
+        std::uint64_t const d = readVarint(in, "dimension");
+        if (d > static_cast<std::size_t>(-1)) {
+            corrupt("dimension out of range");
+        }
+        shape.dims.push_back(static_cast<std::size_t>(d));
+    }
+    if (ndim > 2 && shape.dims.back() == 1) {
+        corrupt("trailing singleton dimension");
+    }
+    return shape;
+}
+
 [[noreturn]] void truncated(const char* what, std::size_t n, std::size_t left) {
     throw std::runtime_error("hvDeserialize: truncated data: " + std::string(what) + " needs " +
                              std::to_string(n) + " bytes, " + std::to_string(left) + " left");
@@ -361,25 +390,9 @@ HvArrayPtr readValue(Reader& in, int depth) {
     if (cls == hvOPAQUE_CLASS) {
         return readOpaque(in, depth);
     }
-    std::uint64_t flags = in.varint("flags");
-    if (flags > 0xffffffffu) {
-        corrupt("flags out of range");
-    }
-    std::uint64_t ndim = in.varint("number of dimensions");
-    if (ndim < 2 || ndim > kMaxDims) {
-        corrupt("number of dimensions " + std::to_string(ndim));
-    }
-    std::vector<std::size_t> dims;
-    for (std::uint64_t i = 0; i < ndim; ++i) {
-        std::uint64_t d = in.varint("dimension");
-        if (d > static_cast<std::size_t>(-1)) {
-            corrupt("dimension out of range");
-        }
-        dims.push_back(static_cast<std::size_t>(d));
-    }
-    if (ndim > 2 && dims.back() == 1) {
-        corrupt("trailing singleton dimension");
-    }
+    Shape shape = readShape(in);
+    const std::uint64_t flags = shape.flags;
+    std::vector<std::size_t> dims = std::move(shape.dims);
     std::size_t n = checkedElements(dims);
     HvArrayPtr array;
     if (isRawClass(cls)) {
@@ -502,21 +515,31 @@ struct StreamReader {
     }
 };
 
-} // namespace
-
-void hvSerializeTo(const hvArray* array, const std::function<void(std::size_t)>& size,
-                   const std::function<void(const void*, std::size_t)>& write) {
-    SavedForms saved;
+// The bytes the array takes, header included; collects the forms to save on the way.
+std::size_t measure(const hvArray* array, SavedForms& saved) {
     Counter counter;
     writeValue(counter, array, saved, 0);
-    const std::size_t total = kHeaderSize + counter.size;
-    size(total);
-    BlockSink sink(write);
+    return kHeaderSize + counter.size;
+}
+
+// Writes the header and the array's value, after measure() collected `saved`.
+template <class Sink> void writeWhole(Sink& sink, const hvArray* array, SavedForms& saved) {
     const std::uint8_t header[kHeaderSize] = {'H', 'V', 'A', kVersion,
                                               static_cast<std::uint8_t>(hostIsLittleEndian())};
     sink.put(header, kHeaderSize);
     saved.collecting = false;
     writeValue(sink, array, saved, 0);
+}
+
+} // namespace
+
+void hvSerializeTo(const hvArray* array, const std::function<void(std::size_t)>& size,
+                   const std::function<void(const void*, std::size_t)>& write) {
+    SavedForms saved;
+    const std::size_t total = measure(array, saved);
+    size(total);
+    BlockSink sink(write);
+    writeWhole(sink, array, saved);
     sink.flush();
     if (sink.written != total) {
         throw std::logic_error("hvSerialize: the array changed while it was written");
@@ -544,25 +567,9 @@ hvArray* hvDeserializeFrom(std::size_t size, const std::function<void(void*, std
         return nullptr;
     }
     checkHeader(bytes.data());
-    std::uint64_t flags = readVarint(in, "flags");
-    if (flags > 0xffffffffu) {
-        corrupt("flags out of range");
-    }
-    std::uint64_t ndim = readVarint(in, "number of dimensions");
-    if (ndim < 2 || ndim > kMaxDims) {
-        corrupt("number of dimensions " + std::to_string(ndim));
-    }
-    std::vector<std::size_t> dims;
-    for (std::uint64_t i = 0; i < ndim; ++i) {
-        std::uint64_t d = readVarint(in, "dimension");
-        if (d > static_cast<std::size_t>(-1)) {
-            corrupt("dimension out of range");
-        }
-        dims.push_back(static_cast<std::size_t>(d));
-    }
-    if (ndim > 2 && dims.back() == 1) {
-        corrupt("trailing singleton dimension");
-    }
+    Shape shape = readShape(in);
+    const std::uint64_t flags = shape.flags;
+    std::vector<std::size_t> dims = std::move(shape.dims);
     const std::size_t n = checkedElements(dims);
     const std::size_t width = elementSize(cls);
     if (n > in.left / width) {
@@ -584,16 +591,10 @@ hvArray* hvDeserializeFrom(std::size_t size, const std::function<void(void*, std
 
 hvArray* hvSerialize(const hvArray* array) {
     SavedForms saved;
-    Counter counter;
-    writeValue(counter, array, saved, 0);
-    std::size_t size = kHeaderSize + counter.size;
+    const std::size_t size = measure(array, saved);
     HvArrayPtr result(newArray(hvUINT8_CLASS, {1, size}, false));
     Filler filler{result->data->bytes.get()};
-    const std::uint8_t header[kHeaderSize] = {'H', 'V', 'A', kVersion,
-                                              static_cast<std::uint8_t>(hostIsLittleEndian())};
-    filler.put(header, kHeaderSize);
-    saved.collecting = false;
-    writeValue(filler, array, saved, 0);
+    writeWhole(filler, array, saved);
     if (filler.out != result->data->bytes.get() + size) {
         throw std::logic_error("hvSerialize: the array changed while it was written");
     }
