@@ -21,19 +21,8 @@ constexpr std::size_t kTrailerSize = 1 + 8 + 8 + 4;
 // No frame is larger: a payload and a queue name of at most 4 GiB each, and a header.
 constexpr std::uint64_t kMaxFrame = (std::uint64_t(1) << 33) + 64;
 
-void putU(std::string& out, std::uint64_t v, int width) {
-    char b[8];
-    for (int i = 0; i < width; ++i)
-        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-    out.append(b, static_cast<std::size_t>(width));
-}
-
-std::uint64_t getU(char const* p, int width) {
-    std::uint64_t v = 0;
-    for (int i = 0; i < width; ++i)
-        v |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
-    return v;
-}
+using wire::getLE;
+using wire::putLE;
 
 std::uint64_t newEpoch() {
     static std::mutex m;
@@ -177,16 +166,16 @@ bool BlockDedup::send(std::string const& peer, std::string&& frame,
     std::string table;
     table.reserve(blocks.size() * kEntrySize + kTrailerSize);
     for (std::size_t i = 0; i < blocks.size(); ++i) {
-        putU(table, blocks[i].offset, 8);
-        putU(table, blocks[i].length, 8);
-        putU(table, blocks[i].hash[0], 8);
-        putU(table, blocks[i].hash[1], 8);
+        putLE(table, blocks[i].offset, 8);
+        putLE(table, blocks[i].length, 8);
+        putLE(table, blocks[i].hash[0], 8);
+        putLE(table, blocks[i].hash[1], 8);
         table.push_back(isReference[i] ? 1 : 0);
     }
     table.push_back(frame[0]);
-    putU(table, out->capacity, 8);
-    putU(table, out->epoch, 8);
-    putU(table, blocks.size(), 4);
+    putLE(table, out->capacity, 8);
+    putLE(table, out->epoch, 8);
+    putLE(table, blocks.size(), 4);
     if (anyReference) {
         // Cut the referenced blocks out in place: only what follows the first one moves.
         std::size_t write = 0, read = 0;
@@ -225,12 +214,14 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
     char const* const trailer = bytes + size - kTrailerSize;
     Unpacked result;
     auto const kind = static_cast<unsigned char>(trailer[0]);
-    if (kind < 1 || kind > 4)
+    // The kinds a frame with blocks may have had before it was packed.
+    if (kind < static_cast<unsigned char>(wire::FrameKind::Message) ||
+        kind > static_cast<unsigned char>(wire::FrameKind::Notice))
         throw std::runtime_error("block frame of unknown kind " + std::to_string(kind));
     result.kind = static_cast<wire::FrameKind>(kind);
-    std::uint64_t const senderCapacity = getU(trailer + 1, 8);
-    result.epoch = getU(trailer + 9, 8);
-    std::uint64_t const count = getU(trailer + 17, 4);
+    std::uint64_t const senderCapacity = getLE(trailer + 1, 8);
+    result.epoch = getLE(trailer + 9, 8);
+    std::uint64_t const count = getLE(trailer + 17, 4);
     if (count > (size - 1 - kTrailerSize) / kEntrySize)
         throw std::runtime_error("block table larger than its frame");
     char const* const table = trailer - count * kEntrySize;
@@ -248,7 +239,7 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
     std::uint64_t end = 1, referenced = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
         char const* e = table + i * kEntrySize;
-        Entry x{getU(e, 8), getU(e + 8, 8), Hash{{getU(e + 16, 8), getU(e + 24, 8)}}, false};
+        Entry x{getLE(e, 8), getLE(e + 8, 8), Hash{{getLE(e + 16, 8), getLE(e + 24, 8)}}, false};
         auto const flag = static_cast<unsigned char>(e[32]);
         if (flag > 1)
             throw std::runtime_error("block table entry of unknown form");
@@ -272,7 +263,7 @@ BlockDedup::Unpacked BlockDedup::receive(std::string const& peer,
     if (end > wholeSize)
         throw std::runtime_error("block beyond the end of its frame");
     if (bodySize >= 8 && (!count || entries.front().offset >= 9))
-        result.correlation = getU(body, 8);
+        result.correlation = getLE(body, 8);
 
     // Under the peer's lock, the table is applied in order, as the sender applied it.
     struct Piece {
@@ -383,13 +374,13 @@ void BlockDedup::forget(std::string const& peer) {
 BlockDedup::Missing BlockDedup::missing(wire::FrameView const& frame) {
     if (frame.kind != wire::FrameKind::BlockMissing || frame.payloadSize != 16)
         throw std::runtime_error("not a block-missing frame");
-    return Missing{getU(frame.payload, 8), getU(frame.payload + 8, 8)};
+    return Missing{getLE(frame.payload, 8), getLE(frame.payload + 8, 8)};
 }
 
 std::string BlockDedup::missingPayload(std::uint64_t epoch) const {
     std::string out;
-    putU(out, epoch, 8);
-    putU(out, capacity_, 8);
+    putLE(out, epoch, 8);
+    putLE(out, capacity_, 8);
     return out;
 }
 

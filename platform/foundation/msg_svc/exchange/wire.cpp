@@ -14,18 +14,26 @@ namespace msg_svc {
 namespace exchange {
 namespace wire {
 
+void putLE(std::string& out, std::uint64_t v, int width) {
+    char b[8];
+    for (int i = 0; i < width; ++i)
+        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
+    out.append(b, static_cast<std::size_t>(width));
+}
+
+std::uint64_t getLE(char const* p, int width) {
+    std::uint64_t v = 0;
+    for (int i = 0; i < width; ++i)
+        v |= static_cast<std::uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
+    return v;
+}
+
 namespace {
 void putU32(std::string& out, std::uint32_t v) {
-    char b[4];
-    for (int i = 0; i < 4; ++i)
-        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-    out.append(b, 4);
+    putLE(out, v, 4);
 }
 void putU64(std::string& out, std::uint64_t v) {
-    char b[8];
-    for (int i = 0; i < 8; ++i)
-        b[i] = static_cast<char>((v >> (8 * i)) & 0xFF);
-    out.append(b, 8);
+    putLE(out, v, 8);
 }
 
 struct Reader {
@@ -38,9 +46,7 @@ struct Reader {
     }
     std::uint64_t uint(int width) {
         need(static_cast<std::size_t>(width));
-        std::uint64_t v = 0;
-        for (int i = 0; i < width; ++i)
-            v |= static_cast<std::uint64_t>(static_cast<unsigned char>(bytes[pos + i])) << (8 * i);
+        std::uint64_t const v = getLE(bytes + pos, width);
         pos += static_cast<std::size_t>(width);
         return v;
     }
@@ -178,7 +184,9 @@ FrameView viewFrame(char const* bytes, std::size_t size) {
         throw std::runtime_error("truncated frame");
     auto const kind = static_cast<unsigned char>(bytes[0]);
     // A Blocks frame is unpacked before it is viewed.
-    if (kind < 1 || kind > 6 || kind == static_cast<unsigned char>(FrameKind::Blocks))
+    if (kind < static_cast<unsigned char>(FrameKind::Message) ||
+        kind > static_cast<unsigned char>(FrameKind::BlockMissing) ||
+        kind == static_cast<unsigned char>(FrameKind::Blocks))
         throw std::runtime_error("unknown frame kind " + std::to_string(kind));
     return viewFrame(static_cast<FrameKind>(kind), bytes + 1, size - 1);
 }

@@ -31,6 +31,10 @@ enum class FrameKind : std::uint8_t {
     BlockMissing = 6
 };
 
+// Little-endian unsigned integers of `width` bytes (1 to 8), as frames carry them.
+void putLE(std::string& out, std::uint64_t v, int width);
+std::uint64_t getLE(char const* p, int width);
+
 // A single write of an archive into a frame, large enough to be worth not sending twice.
 struct BlockSpan {
     std::size_t offset = 0; // in the frame
