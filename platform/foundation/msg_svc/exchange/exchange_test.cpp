@@ -332,6 +332,20 @@ TEST(Exchange, AReplyEndsTheSpinOfItsWaiter) {
             EXPECT_TRUE(plain.get());
         }
     }
+
+    // A loop that polls a future spins once, not at every poll (200 spins would take 10 s).
+    config.replySpin = std::chrono::milliseconds(50);
+    auto polled = ExchangeApi::create(config);
+    auto gate = std::make_shared<Gate>();
+    auto f = polled->submitWithReply(
+        boost::make_shared<GateMessage>(gate),
+        Address(polled->getExchangeName(), Address::SpecializedQueues::unordered()));
+    auto const start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i)
+        ASSERT_FALSE(f.timed_wait(boost::posix_time::milliseconds(0)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    gate->release();
+    EXPECT_TRUE(f.get());
 }
 
 TEST(Exchange, UnorderedOvertakesQueuedWorkAndMayBlockOnReplies) {

@@ -9,9 +9,10 @@
 //
 // Ownership and threading: a ReplySpin is a cheap handle to one shared flag; copies (the promise's
 // setter, the wait callback) share it. arm() the promise before its future is handed out; call
-// ready() once the promise holds its result, value or exception, from any thread. A wait on the
-// future that finds it unready spins until ready() or the bound, whichever comes first, then goes
-// on as usual: a timed wait still times out, at the earliest after the spin.
+// ready() once the promise holds its result, value or exception, from any thread. The first wait
+// on the future that finds it unready spins until ready() or the bound, whichever comes first,
+// then goes on as usual: a timed wait still times out, at the earliest after the spin. Later
+// waits (a loop that polls the future, say) do not spin again.
 //
 //     ReplySpin spin(std::chrono::microseconds(250));
 //     auto promise = boost::make_shared<boost::promise<int>>();
@@ -32,29 +33,37 @@ class ReplySpin {
 public:
     // A bound of zero or less arms nothing: waits sleep at once.
     explicit ReplySpin(std::chrono::microseconds bound)
-        : ready_(std::make_shared<std::atomic<bool>>(false)), bound_(bound) {}
+        : state_(std::make_shared<State>()), bound_(bound) {}
 
     template <class T> void arm(boost::promise<T>& promise) const {
         if (bound_.count() <= 0)
             return;
-        promise.set_wait_callback(Waiter{ready_, bound_});
+        promise.set_wait_callback(Waiter{state_, bound_});
     }
 
-    void ready() const { ready_->store(true, std::memory_order_release); }
+    void ready() const { state_->ready.store(true, std::memory_order_release); }
 
 private:
-    // The wait callback. It lives in the promise's shared state: it holds the flag, never the
+    struct State {
+        std::atomic<bool> ready{false};
+        std::atomic<bool> spun{false}; // a wait has spun already
+    };
+
+    // The wait callback. It lives in the promise's shared state: it holds the flags, never the
     // promise, which would keep that state alive for ever.
     struct Waiter {
         typedef void result_type; // for boost::bind
-        std::shared_ptr<std::atomic<bool>> ready;
+        std::shared_ptr<State> state;
         std::chrono::microseconds bound;
-        template <class Promise> void operator()(Promise&) const { spin(*ready, bound); }
+        template <class Promise> void operator()(Promise&) const {
+            if (!state->spun.exchange(true, std::memory_order_relaxed))
+                spin(state->ready, bound);
+        }
     };
 
     static void spin(std::atomic<bool> const& ready, std::chrono::microseconds bound);
 
-    std::shared_ptr<std::atomic<bool>> ready_;
+    std::shared_ptr<State> state_;
     std::chrono::microseconds bound_;
 };
 
