@@ -4,12 +4,16 @@
 #include <foundation/msg_svc/eventmgr/flushmessage.hpp>
 #include <foundation/msg_svc/eventmgr/shutdownevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/zmqtransport.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
 #include <boost/serialization/base_object.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -272,4 +276,69 @@ TEST(EventMgr, RemoteManagersCarryEventsSerializedAndFlushRemotely) {
                                          Address("test-event-peer", "noqueue"));
     flushed.get();
     EXPECT_EQ(sum.load(), 12);
+}
+
+TEST(EventMgr, EventsFromAnotherProcessKeepOrderAndMayWaitForEventsOfAnotherIdentity) {
+    // The transport thread that reads events dispatches them itself, after its turn: a flush read
+    // in the same turn still answers only once they have reached their subscribers, and a
+    // subscriber that waits for an event of another identity does not keep it from arriving.
+    using namespace foundation::msg_svc::exchange;
+    char dirTemplate[] = "/tmp/quorl-eventmgr-test-XXXXXX";
+    ASSERT_TRUE(::mkdtemp(dirTemplate));
+    ExchangeConfig receiverConfig, senderConfig;
+    receiverConfig.name = std::string("ipc://") + dirTemplate + "/events";
+    receiverConfig.transport = makeZmqTransport();
+    senderConfig.name = "eventmgr-test-sender";
+    senderConfig.transport = makeZmqTransport();
+    auto receiver = ExchangeApi::create(receiverConfig);
+    auto sender = ExchangeApi::create(senderConfig);
+    Address const to(receiverConfig.name, Address::SpecializedQueues::noqueue());
+    EmID const a = freshId(), b = freshId();
+    EventMgrFront ma(nullptr, a), mb(nullptr, b);
+
+    std::mutex mutex;
+    std::vector<int> seen; // guarded by mutex
+    std::atomic<bool> offEventThread{false};
+    std::promise<void> bArrived;
+    std::future<void> bArrivedFuture = bArrived.get_future();
+    std::atomic<bool> waitedForB{false};
+    auto ca = ma.subscribe<NumberEvent>([&](NumberEvent const& e) {
+        if (!ma.isEventThread() || mb.isEventThread())
+            offEventThread = true;
+        if (e.value < 0) {
+            waitedForB =
+                bArrivedFuture.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+            return;
+        }
+        std::lock_guard<std::mutex> lock(mutex);
+        seen.push_back(e.value);
+    });
+    auto cb = mb.subscribe<NumberEvent>([&](NumberEvent const&) { bArrived.set_value(); });
+    auto const event = [](EmID id, int value) {
+        return boost::make_shared<detail::EventMessage>(
+            id, boost::make_shared<NumberEvent const>(value), 0);
+    };
+    auto const flushed = [&](EmID id) {
+        auto f = sender->submitWithReply(boost::make_shared<detail::FlushMessage>(id), to);
+        return f.wait_for(boost::chrono::seconds(10)) == boost::future_status::ready;
+    };
+
+    for (int round = 0; round < 20; ++round) {
+        for (int i = 0; i < 25; ++i)
+            sender->submit(event(a, round * 25 + i), to);
+        ASSERT_TRUE(flushed(a));
+        std::lock_guard<std::mutex> lock(mutex);
+        ASSERT_EQ(seen.size(), std::size_t(round + 1) * 25);
+    }
+    for (int i = 0; i < 500; ++i)
+        EXPECT_EQ(seen[i], i);
+
+    sender->submit(event(a, -1), to);
+    sender->submit(event(b, 0), to);
+    ASSERT_TRUE(flushed(a));
+    EXPECT_TRUE(waitedForB.load());
+    EXPECT_FALSE(offEventThread.load());
+    sender->stop();
+    receiver->stop();
+    std::filesystem::remove_all(dirTemplate);
 }

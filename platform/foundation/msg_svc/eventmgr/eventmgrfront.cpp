@@ -1,6 +1,7 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/eventmgr/flushmessage.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/lanes.hpp>
 #include <foundation/msg_svc/shutdown/shutdown.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
@@ -87,21 +88,52 @@ public:
         table_ = table;
     }
 
+    // Queues `event` for the hub's thread. An event that a transport thread delivers from
+    // another exchange (inline slot running) is instead dispatched by that thread itself, once
+    // it has run the deliveries of its turn and released the exchange's lane, if the hub is idle:
+    // that saves waking the hub's thread, and the thread then owns the hub (it is the event
+    // thread) until it has dispatched every event queued meanwhile. Should a subscriber block,
+    // the transport lets another thread take over the reading.
     void publish(boost::shared_ptr<BaseEvent const> const& event,
                  std::shared_ptr<MutexGetter const> const& getter) {
+        msg_svc::detail::InlineSlot* slot = msg_svc::detail::InlineSlot::running();
+        bool claimed = false;
         {
             std::lock_guard<std::mutex> lock(queueMutex_);
             if (stopping_)
                 return;
-            if (!thread_.joinable())
-                start();
             queue_.push_back(Item{event, getter});
             ++enqueued_;
+            if (owner_.load() == std::this_thread::get_id()) {
+                return; // this thread drains the queue already
+            } else if (slot && !slot->hasAfter() && owner_.load() == std::thread::id()) {
+                // One hub per turn: the events of a second identity go to its own thread, so
+                // that a subscriber of the first that waits for them does not wait for itself.
+                owner_.store(std::this_thread::get_id());
+                claimed = true;
+            } else if (!thread_.joinable()) {
+                start();
+            }
         }
-        wake_.notify_one();
+        if (!claimed) {
+            wake_.notify_one();
+            return;
+        }
+        try {
+            slot->after([hub = shared_from_this()] { hub->drainClaimed(); });
+        } catch (...) {
+            release(); // the hub's thread takes the event
+            throw;
+        }
     }
 
     void flush(MutexGetter const* getter) {
+        if (owner_.load() == std::this_thread::get_id() && !draining_) {
+            // Claimed by this thread, which has not begun dispatching (it is still running the
+            // deliveries of its turn): what a flush waits for is for it to dispatch, so now.
+            drainClaimed();
+            return;
+        }
         if (onEventThread())
             return; // the events before this call are being delivered by the caller
         std::uint64_t target;
@@ -121,7 +153,10 @@ public:
         done_.wait(lock, [&] { return dispatched_ >= target || stopping_; });
     }
 
-    bool onEventThread() const { return std::this_thread::get_id() == threadId_.load(); }
+    bool onEventThread() const {
+        auto const me = std::this_thread::get_id();
+        return me == threadId_.load() || me == owner_.load();
+    }
 
     void stop() {
         {
@@ -160,24 +195,57 @@ private:
 
     void run() {
         std::vector<SubscriptionPtr> targets;
+        auto const me = std::this_thread::get_id();
+        std::unique_lock<std::mutex> lock(queueMutex_);
         for (;;) {
-            Item item;
-            {
-                std::unique_lock<std::mutex> lock(queueMutex_);
-                wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
-                if (stopping_)
-                    return;
-                item = std::move(queue_.front());
-                queue_.pop_front();
-            }
+            // While another thread owns the hub, it dispatches what is queued.
+            wake_.wait(lock, [this] {
+                return stopping_ || (!queue_.empty() && owner_.load() == std::thread::id());
+            });
+            if (stopping_)
+                return;
+            owner_.store(me);
+            drain(lock, targets);
+            owner_.store(std::thread::id());
+        }
+    }
+
+    // Dispatches the queued events in order until none is left (or the hub stops); the caller
+    // owns the hub and holds `lock`, which is given up around each dispatch.
+    void drain(std::unique_lock<std::mutex>& lock, std::vector<SubscriptionPtr>& targets) {
+        while (!stopping_ && !queue_.empty()) {
+            Item item = std::move(queue_.front());
+            queue_.pop_front();
+            lock.unlock();
             dispatch(*item.event, item.getter.get(), targets);
             item = Item();
-            {
-                std::lock_guard<std::mutex> lock(queueMutex_);
-                ++dispatched_;
-            }
+            lock.lock();
+            ++dispatched_;
             done_.notify_all();
         }
+    }
+
+    // Run by the thread that claimed the hub in publish, or by flush on it.
+    void drainClaimed() {
+        std::vector<SubscriptionPtr> targets;
+        std::unique_lock<std::mutex> lock(queueMutex_);
+        if (owner_.load() != std::this_thread::get_id() || draining_)
+            return; // drained already (by a flush), or this is a flush within the drain
+        draining_ = true;
+        drain(lock, targets);
+        draining_ = false;
+        owner_.store(std::thread::id());
+    }
+
+    // Gives a claim up unused: the hub's thread takes what is queued.
+    void release() {
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            owner_.store(std::thread::id());
+            if (!stopping_ && !thread_.joinable())
+                start();
+        }
+        wake_.notify_one();
     }
 
     void dispatch(BaseEvent const& event, MutexGetter const* getter,
@@ -246,8 +314,12 @@ private:
     std::uint64_t enqueued_ = 0;
     std::uint64_t dispatched_ = 0;
     bool stopping_ = false;
+    bool draining_ = false; // a claiming thread dispatches (guarded by queueMutex_)
     std::thread thread_;
     std::atomic<std::thread::id> threadId_{};
+    // The thread that dispatches the hub's events now, or is to (a claiming delivery thread);
+    // none while the hub is idle. Written under queueMutex_.
+    std::atomic<std::thread::id> owner_{};
     std::future<void> exited_;
 };
 

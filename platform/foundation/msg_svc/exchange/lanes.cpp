@@ -18,10 +18,15 @@ void finish(std::thread& t) {
 
 namespace {
 thread_local InlineSlot* tlsSlot = nullptr;
-}
+thread_local InlineSlot* tlsRunning = nullptr;
+} // namespace
 
 InlineSlot* InlineSlot::current() {
     return tlsSlot;
+}
+
+InlineSlot* InlineSlot::running() {
+    return tlsRunning;
 }
 
 bool InlineSlot::offer(void const* key, Job&& job, Job&& release) {
@@ -45,15 +50,31 @@ void InlineSlot::runAll() {
     // so nothing joins them meanwhile.
     struct Finally {
         InlineSlot& slot;
+        InlineSlot* outer;
         ~Finally() {
+            tlsRunning = outer;
             Job release = std::move(slot.release_);
             slot.release_ = nullptr;
             slot.jobs_.clear(); // keeps the capacity for the next turn
             slot.key_ = nullptr;
             if (release)
                 release();
+            // Work left for after may leave more (an event dispatched there may be followed by
+            // another): run until none is left.
+            while (!slot.after_.empty()) {
+                std::vector<Job> after;
+                after.swap(slot.after_);
+                for (auto& job : after) {
+                    try {
+                        job();
+                    } catch (...) {
+                        // Such work reports its own failures; the others still run.
+                    }
+                }
+            }
         }
-    } finally{*this};
+    } finally{*this, tlsRunning};
+    tlsRunning = this;
     for (auto& job : jobs_)
         job();
 }

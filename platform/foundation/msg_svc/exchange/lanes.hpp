@@ -11,7 +11,8 @@
 // to run the deliveries of what it read itself, right afterwards; they then need no wake-up of a
 // lane thread (the transport lets another thread take over its reading should they block). A
 // serial lane's jobs run that way are claimed first (tryClaim), so that jobs posted after them
-// wait for them and order is kept.
+// wait for them and order is kept. A job may leave work to run after the jobs and their release
+// (after()), outside the lane it held: the event service dispatches events that way.
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -97,9 +98,15 @@ public:
     bool empty() const { return jobs_.empty(); }
     // True if a job of `key` would join the jobs taken already.
     bool joins(void const* key) const { return !jobs_.empty() && key && key == key_; }
-    // Runs the jobs in order, then their release; the slot is empty afterwards. Not while the
-    // slot is offered (within its Scope).
+    // Runs the jobs in order, then their release, then the work they left for after it; the
+    // slot is empty afterwards. Not while the slot is offered (within its Scope).
     void runAll();
+
+    // The slot whose jobs the calling thread is running (within runAll), or null.
+    static InlineSlot* running();
+    // Leaves `job` to run once the jobs and their release have run, on the same thread.
+    void after(Job&& job) { after_.push_back(std::move(job)); }
+    bool hasAfter() const { return !after_.empty(); }
 
     // Makes `slot` the calling thread's slot for its lifetime.
     class Scope {
@@ -117,6 +124,7 @@ private:
     void const* key_ = nullptr;
     std::vector<Job> jobs_;
     Job release_;
+    std::vector<Job> after_;
 };
 
 // Joins `t`, or detaches it when the process is terminating.
