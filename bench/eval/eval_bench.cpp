@@ -4,6 +4,9 @@
 //  - a trivial eval across processes (ipc) beside raw ZeroMQ carrying the same frames (count and
 //    sizes, each way) in one round trip to a raw echo process;
 //  - the same eval in one process beside a packaged task (FcnCmdRequest) on the same road.
+// The cross-process figures also give the processor time per round trip of each side (all
+// threads of the process), which on a machine with few cores bounds the round trip as much as
+// the wake-ups on its way do.
 // The quorl-server and the raw echo process are children of the benchmark; the raw one is this
 // program again, started with --raw-echo ENDPOINT.
 #include <quorl/host/host.hpp>
@@ -28,8 +31,12 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <mutex>
+#include <sstream>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -106,6 +113,50 @@ private:
 boost::shared_ptr<CountingTransport> wire;
 std::string serverEndpoint;
 std::string rawEndpoint;
+pid_t serverPid = -1;
+pid_t rawPid = -1;
+
+// Processor time (user and system, all threads) of this process, and of a child, in seconds.
+double ownCpuSeconds() {
+    rusage u{};
+    ::getrusage(RUSAGE_SELF, &u);
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+double childCpuSeconds(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    auto const end = text.rfind(')'); // the command name may hold spaces
+    if (end == std::string::npos)
+        return 0;
+    std::istringstream fields(text.substr(end + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i >= 14)
+            ticks += std::stod(field); // utime, stime
+    }
+    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+// Reports the processor time per iteration of both sides since construction.
+class CpuPerIteration {
+public:
+    explicit CpuPerIteration(pid_t far) : far_(far), own_(ownCpuSeconds()), farStart_(now()) {}
+    void report(benchmark::State& state) const {
+        auto const perIteration = [&](double seconds) {
+            return benchmark::Counter(seconds * 1e6, benchmark::Counter::kAvgIterations);
+        };
+        state.counters["client_cpu_us"] = perIteration(ownCpuSeconds() - own_);
+        state.counters["far_cpu_us"] = perIteration(now() - farStart_);
+    }
+
+private:
+    double now() const { return childCpuSeconds(far_); }
+    pid_t far_;
+    double own_;
+    double farStart_;
+};
 
 void finish(boost::unique_future<void> f) {
     if (!f.timed_wait(boost::posix_time::seconds(120)))
@@ -171,8 +222,10 @@ void BM_ClientVariable100MB_ReadTwice(benchmark::State& state) {
 void BM_RemoteEval_Trivial(benchmark::State& state) {
     evalOn(*remote(), u"x = 1;");
     std::size_t const before = wire->total();
+    CpuPerIteration cpu(serverPid);
     for (auto _ : state)
         evalOn(*remote(), u"x = 1;");
+    cpu.report(state);
     state.counters["bytes_per_eval"] = benchmark::Counter(
         static_cast<double>(wire->total() - before), benchmark::Counter::kAvgIterations);
 }
@@ -228,8 +281,10 @@ void BM_RawZmq_SameFrames(benchmark::State& state) {
             (void)s.recv(in);
     };
     roundTrip();
+    CpuPerIteration cpu(rawPid);
     for (auto _ : state)
         roundTrip();
+    cpu.report(state);
     state.counters["frames_out"] = static_cast<double>(f.out.size());
     state.counters["frames_in"] = static_cast<double>(f.in.size());
 }
@@ -308,6 +363,8 @@ int main(int argc, char** argv) {
         std::cerr << "the far sides did not start: " << server.errors() << raw.errors() << "\n";
         return 1;
     }
+    serverPid = server.pid();
+    rawPid = raw.pid();
 
     foundation::cppmicroservices::startFramework();
     wire = boost::make_shared<CountingTransport>(ex::makeZmqTransport());

@@ -25,6 +25,7 @@ public:
     // still ran after `patience`.
     int wait(std::chrono::milliseconds patience = std::chrono::seconds(20));
     std::string const& output() const { return output_; }
+    pid_t pid() const { return pid_; }
     std::string const& errors();
 
 private:
