@@ -40,14 +40,17 @@ RuntimeException failureOf(cmddistributor::inExecutionStatus status, std::string
     return RuntimeException(status, std::move(message), std::string(), std::string(), {}, {});
 }
 
-// Publishes a state event of a packet to whoever watches it. A packet that crossed an exchange
-// marks its events so that they may cross back.
+// Publishes a state event of a packet to whoever watches it (across processes too: what the
+// client's process listens to). A packet that crossed an exchange marks its events so that they
+// may cross back.
 template <class Event>
 void publishState(EventMgr& manager, IDType const& id, bool packetWasSerialized) {
     if (!packetWasSerialized) {
         manager.notifyIfWatched<Event>(DeliverQueued, id);
         return;
     }
+    if (!manager.isWatched<Event>())
+        return;
     auto event = boost::make_shared<Event>(id);
     event->setIIPWasSerialized(true);
     manager.publish(event, DeliverQueued);

@@ -6,6 +6,7 @@
 #include <tests/evalremote/remoteeval.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
+#include <quorl/cmddistributor/defaultiipstateevent.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
 #include <quorl/cmddistributor/runtimeexception.hpp>
 #include <quorl/eventmgr/eventmgraccess.hpp>
@@ -211,4 +212,26 @@ TEST(EvalRemote, AServerKilledMidEvaluationFailsTheRequestWithStatus5) {
     EXPECT_EQ(statusOf(f), quorl::cmddistributor::ExecutionCommunicationError);
     EXPECT_EQ(server->wait(), 128 + SIGKILL);
     EXPECT_FALSE(ws->find("b")) << "nothing was written back";
+}
+
+TEST(EvalRemote, AClientThatListensToStartedEventsHearsThemBeforeTheCompletion) {
+    // The server sends a packet's state events only to a client that listens to them: the
+    // client says so when it first writes, and again as soon as it starts listening.
+    PrivateDir dir;
+    std::string const endpoint = "ipc://" + dir.path() + "/started";
+    auto server = startServer(endpoint);
+    Remote remote(endpoint, 7);
+    remote.eval(u"y = 1;");
+    auto manager = quorl::eventmgr::createLocalEventMgr(boost::none);
+    IDType const id;
+    std::atomic<int> heard{0};
+    auto connection = manager->subscribe<cmddistributor::IIPStartedEvent>(
+        [&](cmddistributor::IIPStartedEvent const& e) {
+            if (e.getIdOfChangedIIP() == id)
+                ++heard;
+        });
+    auto f = remote.start(u"y = 2;", id);
+    Remote::finish(f);
+    // The completion is dispatched after the started event, by the same event thread.
+    EXPECT_EQ(heard.load(), 1);
 }

@@ -4,6 +4,7 @@
 #include <foundation/msg_svc/eventmgr/baseevent.hpp>
 #include <foundation/msg_svc/eventmgr/connection.hpp>
 #include <foundation/msg_svc/eventmgr/emid.hpp>
+#include <foundation/msg_svc/eventmgr/interestmessage.hpp>
 #include <foundation/msg_svc/eventmgr/shutdownevent.hpp>
 #include <foundation/msg_svc/eventmgr/subscriptioncount.hpp>
 #include <foundation/msg_svc/eventmgr/watchtoken.hpp>
@@ -187,6 +188,27 @@ std::atomic<std::uint64_t>* countCell(ustring const& tag) {
     if (!cell)
         cell.reset(new std::atomic<std::uint64_t>(0));
     return cell.get();
+}
+
+void countUp(std::atomic<std::uint64_t>* cell) {
+    if (cell->fetch_add(1) == 0)
+        interestGained();
+}
+
+void countDown(std::atomic<std::uint64_t>* cell) {
+    if (cell->fetch_sub(1) == 1)
+        interestLost();
+}
+
+TagVector watchedTags() {
+    CellTable& t = cellTable();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    TagVector tags;
+    for (auto const& cell : t.cells) {
+        if (cell.second->load(std::memory_order_relaxed) != 0)
+            tags.push_back(cell.first);
+    }
+    return tags;
 }
 
 bool LeakCheck::isLeakChecking() {

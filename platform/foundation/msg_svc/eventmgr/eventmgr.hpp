@@ -68,15 +68,15 @@ public:
         doNotify(boost::make_shared<T const>(std::forward<Args>(args)...), mode);
     }
     template <class T, class... Args> void notifyIfWatched(DeliverMode mode, Args&&... args) {
-        static TagVector const none;
-        bool watched;
-        {
-            std::unique_ptr<WatchToken> w =
-                addWatch(&detail::subscriptionCountFactory<T>, none.begin(), none.end());
-            watched = w->hasSubscriptions();
-        }
-        if (watched)
+        if (isWatched<T>())
             notify<T>(mode, std::forward<Args>(args)...);
+    }
+    // True if someone listens to events of type T published here (a snapshot).
+    template <class T> bool isWatched() {
+        static TagVector const none;
+        std::unique_ptr<WatchToken> w =
+            addWatch(&detail::subscriptionCountFactory<T>, none.begin(), none.end());
+        return w->hasSubscriptions();
     }
     // Publishes an event made elsewhere.
     void publish(boost::shared_ptr<BaseEvent const> const& event,

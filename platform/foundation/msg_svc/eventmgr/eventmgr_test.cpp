@@ -342,3 +342,47 @@ TEST(EventMgr, EventsFromAnotherProcessKeepOrderAndMayWaitForEventsOfAnotherIden
     receiver->stop();
     std::filesystem::remove_all(dirTemplate);
 }
+
+TEST(EventMgr, RemoteManagersPublishOnlyWhatTheOtherProcessListensTo) {
+    // Both exchanges live in this process, so the process that tells its interest is this one.
+    using namespace foundation::msg_svc::exchange;
+    ExchangeConfig aConfig, bConfig;
+    aConfig.name = "interest-a";
+    aConfig.transport = makeLoopbackTransport();
+    bConfig.name = "interest-b";
+    bConfig.transport = makeLoopbackTransport();
+    auto a = ExchangeApi::create(aConfig);
+    auto b = ExchangeApi::create(bConfig);
+    EventMgrFront local(nullptr, freshId());
+    // The manager of B's side whose events go to A's process.
+    EventMgrFront toA("interest-a", nullptr, freshId(), freshId());
+    auto const messageFromAToB = [&] {
+        a->submitWithReply(boost::make_shared<detail::FlushMessage>(freshId()),
+                           Address("interest-b", Address::SpecializedQueues::noqueue()))
+            .get();
+    };
+
+    // Until A has written to B, B assumes that A listens to everything.
+    EXPECT_TRUE(toA.isWatched<NumberEvent>());
+    messageFromAToB();
+    EXPECT_FALSE(toA.isWatched<NumberEvent>());
+    EXPECT_FALSE(toA.isWatched<TestShutdown>());
+
+    // A first subscription is told at once, with no message of A's own to carry it...
+    auto c = local.subscribe<NumberEvent>([](NumberEvent const&) {});
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!toA.isWatched<NumberEvent>() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    EXPECT_TRUE(toA.isWatched<NumberEvent>());
+    // ...and a subscriber of a type hears its derived types too.
+    EXPECT_TRUE(toA.isWatched<OddEvent>());
+    EXPECT_FALSE(toA.isWatched<TestShutdown>());
+
+    // A lost subscription is told with the next message.
+    c.reset();
+    EXPECT_TRUE(toA.isWatched<NumberEvent>());
+    messageFromAToB();
+    EXPECT_FALSE(toA.isWatched<NumberEvent>());
+    a->stop();
+    b->stop();
+}

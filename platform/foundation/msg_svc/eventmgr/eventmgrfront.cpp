@@ -1,5 +1,6 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/eventmgr/flushmessage.hpp>
+#include <foundation/msg_svc/eventmgr/interestmessage.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/lanes.hpp>
 #include <foundation/msg_svc/shutdown/shutdown.hpp>
@@ -120,11 +121,22 @@ public:
             return;
         }
         try {
-            slot->after([hub = shared_from_this()] { hub->drainClaimed(); });
+            auto self = shared_from_this();
+            tlsClaims.push_back(self);
+            slot->after([hub = std::move(self)] { hub->drainClaimed(); });
         } catch (...) {
             release(); // the hub's thread takes the event
             throw;
         }
+    }
+
+    // Hands the hubs this thread claimed, and has not begun to dispatch, to their own threads:
+    // done before this thread waits for events to be dispatched, which they might be among.
+    static void releaseClaims() {
+        std::vector<std::shared_ptr<Hub>> claims;
+        claims.swap(tlsClaims);
+        for (auto& hub : claims)
+            hub->releaseIfClaimed();
     }
 
     void flush(MutexGetter const* getter) {
@@ -136,6 +148,7 @@ public:
         }
         if (onEventThread())
             return; // the events before this call are being delivered by the caller
+        releaseClaims();
         std::uint64_t target;
         {
             std::lock_guard<std::mutex> lock(queueMutex_);
@@ -227,14 +240,25 @@ private:
 
     // Run by the thread that claimed the hub in publish, or by flush on it.
     void drainClaimed() {
+        tlsClaims.erase(std::remove(tlsClaims.begin(), tlsClaims.end(), shared_from_this()),
+                        tlsClaims.end());
         std::vector<SubscriptionPtr> targets;
         std::unique_lock<std::mutex> lock(queueMutex_);
         if (owner_.load() != std::this_thread::get_id() || draining_)
-            return; // drained already (by a flush), or this is a flush within the drain
+            return; // drained already (by a flush), released, or a flush within the drain
         draining_ = true;
         drain(lock, targets);
         draining_ = false;
         owner_.store(std::thread::id());
+    }
+
+    void releaseIfClaimed() {
+        {
+            std::lock_guard<std::mutex> lock(queueMutex_);
+            if (owner_.load() != std::this_thread::get_id() || draining_)
+                return;
+        }
+        release();
     }
 
     // Gives a claim up unused: the hub's thread takes what is queued.
@@ -320,8 +344,12 @@ private:
     // The thread that dispatches the hub's events now, or is to (a claiming delivery thread);
     // none while the hub is idle. Written under queueMutex_.
     std::atomic<std::thread::id> owner_{};
+    // The hubs the calling thread has claimed and not yet begun to dispatch.
+    static thread_local std::vector<std::shared_ptr<Hub>> tlsClaims;
     std::future<void> exited_;
 };
+
+thread_local std::vector<std::shared_ptr<Hub>> Hub::tlsClaims;
 
 namespace {
 struct HubRegistry {
@@ -437,6 +465,19 @@ private:
     std::unique_ptr<SubscriptionCount> count_;
 };
 
+// The answer of a watch on a manager of another process: what that process said, when asked.
+class FixedWatch : public WatchToken {
+public:
+    explicit FixedWatch(bool watched) : watched_(watched) {}
+    bool hasSubscriptions() const override { return watched_; }
+    std::uint64_t getSubscriptionCount() const override { return watched_ ? 1 : 0; }
+    static void* operator new(std::size_t size) { return allocateCountObject(size); }
+    static void operator delete(void* p, std::size_t size) noexcept { releaseCountObject(p, size); }
+
+private:
+    bool watched_;
+};
+
 } // namespace detail
 
 EventMgr::~EventMgr() = default;
@@ -518,11 +559,14 @@ std::unique_ptr<Connection> EventMgrFront::addSubscription(Callback const& callb
 
 std::unique_ptr<WatchToken> EventMgrFront::addWatch(CountFactory factory, TagIterator begin,
                                                     TagIterator end) {
-    // The subscribers of a manager in another process are not counted here: assume one.
-    if (isRemote() && remoteExchange_ != exchange::ExchangeApi::instance()->getExchangeName())
+    auto count = factory(begin, end, std::string());
+    // A manager in another process: what that process said it listens to, if it did.
+    if (isRemote() && remoteExchange_ != exchange::ExchangeApi::instance()->getExchangeName()) {
+        auto const known = detail::peerInterest(remoteExchange_);
         return std::unique_ptr<WatchToken>(
-            new detail::CountWatch(std::make_unique<detail::YesSubscriptionCount>()));
-    return std::unique_ptr<WatchToken>(new detail::CountWatch(factory(begin, end, std::string())));
+            new detail::FixedWatch(!known || count->coversAnyOf(*known)));
+    }
+    return std::unique_ptr<WatchToken>(new detail::CountWatch(std::move(count)));
 }
 
 void EventMgrFront::doNotify(boost::shared_ptr<BaseEvent const> const& event, DeliverMode mode) {

@@ -11,9 +11,11 @@
 // per-thread free list, so asking costs no heap allocation once warm.
 #include <foundation/msg_svc/eventmgr/typeinformation.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 
 namespace foundation {
@@ -23,6 +25,10 @@ namespace detail {
 
 // A count cell of one tag, owned by the process-wide table; never freed.
 std::atomic<std::uint64_t>* countCell(ustring const& tag);
+// Count a subscription in or out of a cell, telling the remote-interest registry when the tag
+// gains its first subscription or loses its last.
+void countUp(std::atomic<std::uint64_t>* cell);
+void countDown(std::atomic<std::uint64_t>* cell);
 
 class SubscriptionCount {
 public:
@@ -34,6 +40,12 @@ public:
     // The tags a subscription with this count matches: an event is delivered to it when its
     // getTags() hold all of them.
     virtual TagVector const& matchTags() const = 0;
+    // True if this count's answer covers one of `tags` (the tags another process listens to).
+    virtual bool coversAnyOf(std::set<ustring> const& tags) const {
+        TagVector const& own = matchTags();
+        return std::any_of(own.begin(), own.end(),
+                           [&](ustring const& t) { return tags.count(t) != 0; });
+    }
 };
 
 // Answers yes, counts nothing: used while leak checking, when counting must not allocate cells.
@@ -45,6 +57,7 @@ public:
     void incrementSubscriptionCount() override {}
     void decrementSubscriptionCount() override {}
     TagVector const& matchTags() const override { return tags_; }
+    bool coversAnyOf(std::set<ustring> const&) const override { return true; }
 
 private:
     TagVector tags_;
@@ -66,8 +79,8 @@ public:
     std::uint64_t getSubscriptionCount() const override {
         return cell_->load(std::memory_order_relaxed);
     }
-    void incrementSubscriptionCount() override { cell_->fetch_add(1); }
-    void decrementSubscriptionCount() override { cell_->fetch_sub(1); }
+    void incrementSubscriptionCount() override { countUp(cell_); }
+    void decrementSubscriptionCount() override { countDown(cell_); }
     TagVector const& matchTags() const override { return tags_; }
 
 private:
@@ -123,9 +136,14 @@ public:
             n += c->load(std::memory_order_relaxed);
         return n;
     }
-    void incrementSubscriptionCount() override { cells_.front()->fetch_add(1); }
-    void decrementSubscriptionCount() override { cells_.front()->fetch_sub(1); }
+    void incrementSubscriptionCount() override { countUp(cells_.front()); }
+    void decrementSubscriptionCount() override { countDown(cells_.front()); }
     TagVector const& matchTags() const override { return ownName(); }
+    bool coversAnyOf(std::set<ustring> const& tags) const override {
+        TagVector const& chain = TypeNameChain<T>::names();
+        return std::any_of(chain.begin(), chain.end(),
+                           [&](ustring const& t) { return tags.count(t) != 0; });
+    }
 
     static void* operator new(std::size_t size) { return allocateCountObject(size); }
     static void operator delete(void* p, std::size_t size) noexcept { releaseCountObject(p, size); }

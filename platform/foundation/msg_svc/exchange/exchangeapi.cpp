@@ -1,4 +1,5 @@
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
+#include <foundation/msg_svc/eventmgr/interestmessage.hpp>
 #include <foundation/msg_svc/exchange/blockdedup.hpp>
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
@@ -72,8 +73,11 @@ public:
           ordered_([this] { tlsDeliveringFor = this; }),
           unordered_(config.maxUnorderedThreads, [this] { tlsDeliveringFor = this; }),
           blocks_(config.blockCacheBytes), replySpin_(config.replySpin) {
-        if (transport_)
+        if (transport_) {
             transport_->start(name_, *this);
+            interestListener_ =
+                eventmgr::detail::addInterestListener([this] { tellAllInterest(); });
+        }
     }
 
     ~Impl() override { stop(); }
@@ -85,6 +89,7 @@ public:
         if (!stopped_.compare_exchange_strong(expected, true))
             return;
         live_->store(false, std::memory_order_release);
+        interestListener_.reset();
         // Replies still awaited fail first: a delivery that waits for one, on a transport or
         // lane thread joined below, would otherwise keep the join waiting for ever.
         std::unordered_map<std::uint64_t, Pending> pending;
@@ -202,6 +207,11 @@ public:
 
     void peerFailed(std::string const& peer, boost::exception_ptr const& cause) override {
         blocks_.forget(peer);
+        {
+            std::lock_guard<std::mutex> lock(interestMutex_);
+            interestTold_.erase(peer); // told again should it come back
+        }
+        eventmgr::detail::forgetPeerInterest(peer);
         std::vector<Completion> failed;
         {
             std::lock_guard<std::mutex> lock(mutex_);
@@ -355,6 +365,7 @@ private:
             eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
             return;
         }
+        tellInterest(peer);
         wire::Frame frame;
         frame.kind = done ? wire::FrameKind::Message : wire::FrameKind::Notice;
         std::string bytes;
@@ -400,6 +411,43 @@ private:
                 pendingDone(nullptr, e);
             eventmgr::publishToAllIdentities(boost::make_shared<CommunicationErrorEvent>(peer, e));
         }
+    }
+
+    // Tells `peer` which events this process listens to, unless it knows already: ahead of the
+    // message about to go there, on the same path, so that the peer knows before it acts on it.
+    // A failure is left to that message to report.
+    void tellInterest(std::string const& peer) {
+        std::uint64_t const version = eventmgr::detail::interestVersion();
+        std::lock_guard<std::mutex> lock(interestMutex_);
+        auto it = interestTold_.find(peer);
+        if (it != interestTold_.end() && it->second == version)
+            return;
+        try {
+            std::string bytes = wire::encodeMessageFrame(
+                wire::FrameKind::Notice, 0, Address::SpecializedQueues::noqueue(),
+                eventmgr::detail::InterestMessage(eventmgr::detail::watchedTags()));
+            {
+                std::lock_guard<std::mutex> numbering(mutex_);
+                wire::setCorrelation(bytes, kNoticeBit | nextNotice_++);
+            }
+            transport_->sendOwned(peer, std::move(bytes));
+            interestTold_[peer] = version;
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::debug)
+                << name_ << ": could not tell exchange '" << peer << "' its interest: " << e.what();
+        }
+    }
+
+    // A tag gained its first subscription: every peer told before hears of it now.
+    void tellAllInterest() {
+        std::vector<std::string> told;
+        {
+            std::lock_guard<std::mutex> lock(interestMutex_);
+            for (auto const& t : interestTold_)
+                told.push_back(t.first);
+        }
+        for (auto const& peer : told)
+            tellInterest(peer);
     }
 
     // The completion waiting for `correlation`, taken out of the pending ones; null if none.
@@ -621,6 +669,11 @@ private:
     detail::ElasticLane unordered_;
     BlockDedup blocks_;
     std::chrono::microseconds const replySpin_;
+    // The interest version each peer was last told (guarded by interestMutex_, which is held
+    // while telling, so that a message sent after a telling follows it).
+    std::mutex interestMutex_;
+    std::unordered_map<std::string, std::uint64_t> interestTold_;
+    std::shared_ptr<void> interestListener_; // set while the exchange runs
 };
 
 namespace {
