@@ -152,27 +152,6 @@ TEST(InterpreterStack, ThreeDeepCallReportsThreeFramesWithFileNameAndLine) {
     }
 }
 
-TEST(InterpreterStack, ErrorInCatchKeepsTheCaughtErrorAsCauseAndRethrowKeepsItsOwn) {
-    Interpreter in;
-    try {
-        run(in, "try\n  error('a:b', 'first %d', 1);\ncatch e\n  error('c:d', 'second');\nend");
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), "c:d");
-        EXPECT_EQ(e.message(), "second");
-        ASSERT_EQ(e.causes().size(), 1u);
-        EXPECT_EQ(e.causes()[0].identifier(), "a:b");
-        EXPECT_EQ(e.causes()[0].message(), "first 1");
-    }
-    try {
-        run(in, "try\n  error('a:b', 'only');\ncatch e\n  rethrow(e);\nend");
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), "a:b");
-        EXPECT_TRUE(e.causes().empty());
-    }
-}
-
 TEST(InterpreterSyntax, ErrorsNameLineAndColumnAndRunNothing) {
     Interpreter in;
     struct Case {
