@@ -152,30 +152,6 @@ TEST(InterpreterStack, ThreeDeepCallReportsThreeFramesWithFileNameAndLine) {
     }
 }
 
-TEST(InterpreterSyntax, ErrorsNameLineAndColumnAndRunNothing) {
-    Interpreter in;
-    struct Case {
-        char const* code;
-        char const* where;
-    } const cases[] = {{"x = 1;\ny = (2 + ;", "line 2, column 10"},
-                       {"x = [1 2", "line 1, column 5"},
-                       {"if x\n  y = 1;\n", "line 3"},
-                       {"a = 3 $ 4", "line 1, column 7"},
-                       {"s = 'open", "line 1, column 5"}};
-    for (Case const& c : cases) {
-        try {
-            run(in, c.code);
-            ADD_FAILURE() << "no error for " << c.code;
-        } catch (LanguageError const& e) {
-            EXPECT_EQ(e.identifier(), errid::syntax) << c.code;
-            EXPECT_NE(std::string(e.what()).find(c.where), std::string::npos)
-                << c.code << ": " << e.what();
-        }
-    }
-    Value x;
-    EXPECT_FALSE(in.workspace().get("x", x));
-}
-
 TEST(InterpreterFunctions, FilesAreCachedAndReadAgainWhenChanged) {
     TempDir dir;
     dir.write("version.qrl", "function v = version()\n  v = 1;\nend\n");
