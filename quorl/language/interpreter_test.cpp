@@ -3,7 +3,7 @@
 #include <quorl/language/customworkspaceadapter.hpp>
 #include <quorl/language/localworkspace.hpp>
 
-#include <boost/filesystem.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <foundation/extdata/array/variableinfoimpldata.hpp>
 
@@ -15,7 +15,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <map>
 #include <mutex>
@@ -24,6 +23,7 @@ namespace {
 
 using namespace quorl::language;
 namespace ext = foundation::extdata;
+using quorl_testing::TempDir;
 
 // Collects text; the first write fulfils `started` (the evaluation is running).
 class CapturingBuffer : public std::basic_streambuf<char16_t> {
@@ -56,26 +56,6 @@ private:
     std::mutex m_;
     std::u16string s_;
     bool signalled_ = false;
-};
-
-class TempDir {
-public:
-    TempDir() : path_(boost::filesystem::temp_directory_path() / boost::filesystem::unique_path()) {
-        boost::filesystem::create_directories(path_);
-    }
-    ~TempDir() {
-        boost::system::error_code ec;
-        boost::filesystem::remove_all(path_, ec);
-    }
-    std::string str() const { return path_.string(); }
-    std::string write(std::string const& name, std::string const& text) const {
-        std::string p = (path_ / name).string();
-        std::ofstream(p) << text;
-        return p;
-    }
-
-private:
-    boost::filesystem::path path_;
 };
 
 std::string run(Interpreter& in, std::string const& code) {
