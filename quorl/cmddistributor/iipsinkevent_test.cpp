@@ -84,17 +84,9 @@ TEST(IIPSinkEvent, WritesItsTextAndSyncs) {
 }
 
 // Equality covers the id, the stream and the text (see above), so comparing what was read with
-// the original checks every field.
-TEST(IIPSinkEvent, RoundTripsAndKeepsItsGoldenArchives) {
-    IIPSinkEvent const original(IDType(12, 345), quorl::io::OutputStream,
-                                ustring(u"x < y && \U0001F600\r\n"));
-    for (Family f : quorl_testing::allFamilies()) {
-        SCOPED_TRACE(quorl_testing::familyName(f));
-        auto back = readEvent(f, writeEvent(f, original));
-        ASSERT_TRUE(dynamic_cast<IIPSinkEvent const*>(back.get()));
-        EXPECT_TRUE(*back == original);
-    }
-
+// the original checks every field, in each of the six archives. (Characters that XML escapes are
+// shown to cross by the text serialization test.)
+TEST(IIPSinkEvent, ReadsAndWritesItsGoldenArchives) {
     IIPSinkEvent const expected(IDType(1234567, 1001), quorl::io::ErrorStream,
                                 u"l\u00e4uft \U0001F600\r\n");
     for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
