@@ -2,6 +2,7 @@
 
 #include <cppmicroservices/framework.hpp>
 #include <foundation/cppmicroservices/framework.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <boost/filesystem.hpp>
 
@@ -13,21 +14,9 @@ namespace fs = boost::filesystem;
 using cppmicroservices::Any;
 using cppmicroservices::Bundle;
 using cppmicroservices::Framework;
+using quorl_testing::TempDir;
 
 namespace {
-
-struct TempDir {
-    fs::path path = fs::temp_directory_path() / fs::unique_path("framework-%%%%-%%%%");
-    TempDir() { fs::create_directories(path); }
-    ~TempDir() {
-        boost::system::error_code ec;
-        fs::remove_all(path, ec);
-    }
-    std::string write(const std::string& name, const std::string& text) const {
-        std::ofstream((path / name).string()) << text;
-        return (path / name).string();
-    }
-};
 
 std::string greeterManifest() {
     return "# a comment\n\n bundle.library = " + std::string(TEST_BUNDLE) + "\nkind=greeter\n";
@@ -61,7 +50,7 @@ TEST(CppMicroServicesFramework, ManifestsInstallOnceWithTheirProperties) {
     dir.write("b.manifest", greeterManifest());
     dir.write("a.manifest", "bundle.library=liba.so\nbundle.symbolic_name=alpha\n");
     dir.write("notes.txt", "not a manifest");
-    Framework fw(dir.path);
+    Framework fw(dir.path());
     auto ctx = fw.GetBundleContext();
     ASSERT_TRUE(ctx);
     auto b = ctx.InstallBundles("b.manifest"); // relative to the bundle root
@@ -70,7 +59,7 @@ TEST(CppMicroServicesFramework, ManifestsInstallOnceWithTheirProperties) {
     EXPECT_EQ(b[0].GetProperty("kind").ToString(), "greeter");
     EXPECT_TRUE(b[0].GetProperty("missing").Empty());
     EXPECT_EQ(b[0].GetState(), Bundle::STATE_INSTALLED);
-    EXPECT_EQ(ctx.InstallBundles((dir.path / "b.manifest").string())[0], b[0]);
+    EXPECT_EQ(ctx.InstallBundles((dir.path() / "b.manifest").string())[0], b[0]);
     EXPECT_EQ(ctx.InstallBundles("a.manifest")[0].GetSymbolicName(), "alpha");
     EXPECT_EQ(fw.GetBundles().size(), 2u);
 
@@ -93,7 +82,7 @@ TEST(CppMicroServicesFramework, ManifestsInstallOnceWithTheirProperties) {
 
 TEST(CppMicroServicesFramework, StartedBundleServesUntilStopped) {
     TempDir dir;
-    Framework fw(dir.path);
+    Framework fw(dir.path());
     auto ctx = fw.GetBundleContext();
     auto bundle = ctx.InstallBundles(dir.write("g.manifest", greeterManifest()))[0];
     EXPECT_FALSE(ctx.GetServiceReference<TestGreeter>());
@@ -130,7 +119,7 @@ TEST(CppMicroServicesFramework, StartedBundleServesUntilStopped) {
 
 TEST(CppMicroServicesFramework, StartFailuresLeaveTheBundleInactive) {
     TempDir dir;
-    Framework fw(dir.path);
+    Framework fw(dir.path());
     auto ctx = fw.GetBundleContext();
     auto missing = ctx.InstallBundles(dir.write("m.manifest", "bundle.library=nothing.so\n"))[0];
     EXPECT_NE(errorOf([&] { missing.Start(); }).find("cannot load"), std::string::npos);
@@ -149,10 +138,10 @@ TEST(CppMicroServicesFramework, ProcessFrameworkInstallsFolders) {
     EXPECT_THROW(fcms::install("anything"), std::logic_error);
 
     TempDir dir;
-    fs::create_directories(dir.path / "plugins");
-    std::ofstream((dir.path / "plugins" / "z.manifest").string()) << greeterManifest();
-    std::ofstream((dir.path / "plugins" / "y.manifest").string()) << "bundle.library=y.so\n";
-    auto fw = fcms::startFramework(dir.path);
+    fs::create_directories(dir.path() / "plugins");
+    std::ofstream((dir.path() / "plugins" / "z.manifest").string()) << greeterManifest();
+    std::ofstream((dir.path() / "plugins" / "y.manifest").string()) << "bundle.library=y.so\n";
+    auto fw = fcms::startFramework(dir.path());
     EXPECT_EQ(fcms::startFramework(), fw);
     EXPECT_EQ(fcms::getFramework(), fw);
 
@@ -160,7 +149,7 @@ TEST(CppMicroServicesFramework, ProcessFrameworkInstallsFolders) {
     ASSERT_EQ(bundles.size(), 2u);
     EXPECT_EQ(bundles[0].GetSymbolicName(), "y");
     EXPECT_EQ(bundles[1].GetSymbolicName(), "z");
-    EXPECT_EQ(fcms::install(dir.path / "plugins"), bundles);
+    EXPECT_EQ(fcms::install(dir.path() / "plugins"), bundles);
     EXPECT_TRUE(fcms::install("no/such/folder").empty());
 
     bundles[1].Start();

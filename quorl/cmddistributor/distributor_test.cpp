@@ -330,20 +330,14 @@ TEST_F(Distributor, CancelTable) {
         // Make the first cancel pending by hand through the record: cancel with reply 1 stores
         // 1 but a pending promise is what the second must meet, so race two cancels.
         std::atomic<int> threw{0};
-        std::thread t1([&] {
+        auto cancelOnce = [&] {
             try {
                 d->cancelRequest(a.id, false).get();
             } catch (AlreadyCancelledException const&) {
                 ++threw;
             }
-        });
-        std::thread t2([&] {
-            try {
-                d->cancelRequest(a.id, false).get();
-            } catch (AlreadyCancelledException const&) {
-                ++threw;
-            }
-        });
+        };
+        std::thread t1(cancelOnce), t2(cancelOnce);
         t1.join();
         t2.join();
         EXPECT_LE(threw.load(), 1);

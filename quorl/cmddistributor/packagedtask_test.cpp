@@ -1,4 +1,4 @@
-#include <tests/support/archivetesting.hpp>
+#include <tests/support/golden.hpp>
 
 #include <quorl/cmddistributor/fcncmdrequest.hpp>
 #include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <type_traits>
@@ -141,34 +139,6 @@ TEST(FcnCmdRequest, WrapsItsTaskIntoAPacketWhoseResultIsAnEmptyVoidFuture) {
 
 namespace {
 
-std::string goldenFile(std::string const& folderName, std::string const& name) {
-    std::string folder;
-    if (char const* root = std::getenv("QUORL_SOURCE_DIR")) {
-        folder = std::string(root) + "/tests/golden/" + folderName + "/";
-    } else {
-        std::string const here = __FILE__;
-        folder = here.substr(0, here.rfind("quorl/cmddistributor/")) + "tests/golden/" +
-                 folderName + "/";
-    }
-    std::ifstream is(folder + name, std::ios::binary);
-    EXPECT_TRUE(is) << folder + name;
-    std::ostringstream os;
-    os << is.rdbuf();
-    return os.str();
-}
-
-struct GoldenForm {
-    char const* suffix;
-    Family plain, polymorphic;
-    bool byteExact; // binary archives carry platform sizes and are only read
-};
-
-std::vector<GoldenForm> goldenForms() {
-    return {GoldenForm{".txt", Family::Text, Family::PolyText, true},
-            GoldenForm{".xml", Family::Xml, Family::PolyXml, true},
-            GoldenForm{".bin", Family::Binary, Family::PolyBinary, false}};
-}
-
 // Reads `bytes` in `f` through a pointer to Base named `name`; returns the logic_error's text.
 template <class Base> std::string refusalOf(Family f, std::string const& bytes, char const* name) {
     Base* back = nullptr;
@@ -185,10 +155,10 @@ template <class Base> std::string refusalOf(Family f, std::string const& bytes, 
 
 TEST(PackagedTaskIIP, GoldenArchivesAreReadToTheRefusalAndWrittenAlike) {
     PackagedTaskIIP task([] { return boost::any(); }, nullptr, nullptr);
-    for (GoldenForm const& form : goldenForms()) {
+    for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
         std::string const file = std::string("packagedtaskiip_v1") + form.suffix;
         SCOPED_TRACE(file);
-        std::string const bytes = goldenFile("packagedtaskiip", file);
+        std::string const bytes = quorl_testing::readGolden("packagedtaskiip/" + file);
         ASSERT_FALSE(bytes.empty());
         for (Family f : {form.plain, form.polymorphic})
             EXPECT_EQ(refusalOf<IIP>(f, bytes, "iip"),
@@ -213,10 +183,11 @@ TEST(PackagedTaskCompletedEvent, GoldenArchivesAreReadToTheRefusalAndWrittenAlik
     };
     for (Case const& c : {Case{"packagedtaskcompletedevent_v2_int", &withInt, "int"},
                           Case{"packagedtaskcompletedevent_v2_error", &withError, "void"}}) {
-        for (GoldenForm const& form : goldenForms()) {
+        for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
             std::string const file = std::string(c.stem) + form.suffix;
             SCOPED_TRACE(file);
-            std::string const bytes = goldenFile("packagedtaskcompletedevent", file);
+            std::string const bytes =
+                quorl_testing::readGolden("packagedtaskcompletedevent/" + file);
             ASSERT_FALSE(bytes.empty());
             for (Family f : {form.plain, form.polymorphic})
                 EXPECT_EQ(refusalOf<BaseEvent>(f, bytes, "event"),

@@ -1,5 +1,5 @@
 // Packets, requests, tracking records and the enqueue message, each on its own.
-#include <tests/support/archivetesting.hpp>
+#include <tests/support/golden.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/futureexception.hpp>
@@ -14,8 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <fstream>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -275,16 +273,12 @@ TEST(EnqueueMessage, WireFormsOldVersionsAndEquality) {
 
 TEST(EnqueueMessage, OldVersionTwoIsRead) {
     for (Family f : {Family::Text, Family::Xml}) {
-        char const* src = std::getenv("QUORL_SOURCE_DIR");
-        std::string path = std::string(src ? src : ".") +
-                           "/tests/golden/enqueuemessage/iipenqueuemessage.v2" +
-                           (f == Family::Xml ? ".xml" : ".txt");
-        std::ifstream in(path);
-        ASSERT_TRUE(in.good()) << path;
-        std::stringstream bytes;
-        bytes << in.rdbuf();
         foundation::msg_svc::exchange::Message* back = nullptr;
-        quorl_testing::read(f, bytes.str(), back);
+        quorl_testing::read(
+            f,
+            quorl_testing::readGolden(std::string("enqueuemessage/iipenqueuemessage.v2") +
+                                      (f == Family::Xml ? ".xml" : ".txt")),
+            back);
         std::unique_ptr<foundation::msg_svc::exchange::Message> owned(back);
         auto* e = dynamic_cast<IIPEnqueueMessage*>(back);
         ASSERT_TRUE(e);

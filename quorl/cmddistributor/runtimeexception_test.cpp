@@ -1,4 +1,4 @@
-#include <tests/support/archivetesting.hpp>
+#include <tests/support/golden.hpp>
 
 #include <quorl/cmddistributor/runtimeexception.hpp>
 #include <tests/golden/runtimeexception/taggeddata.hpp>
@@ -10,8 +10,6 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <limits>
 #include <sstream>
 
@@ -63,20 +61,6 @@ RuntimeException sample() {
                           {inner(), RuntimeException(status::ExecutionAborted, std::string("last"),
                                                      "", "k", {}, {})});
     return RuntimeException(bare, boost::make_shared<TaggedData>("tag"));
-}
-
-std::string readGolden(std::string const& name) {
-    // Without the variable, this file's path names the source tree (relative or absolute).
-    std::string const here = __FILE__;
-    char const* root = std::getenv("QUORL_SOURCE_DIR");
-    std::string const path =
-        (root ? std::string(root) + "/" : here.substr(0, here.rfind("quorl/"))) +
-        "tests/golden/runtimeexception/" + name;
-    std::ifstream is(path, std::ios::binary);
-    EXPECT_TRUE(is) << path;
-    std::ostringstream os;
-    os << is.rdbuf();
-    return os.str();
 }
 
 // An archive of RuntimeException at version 1, which no reader supports.
@@ -253,30 +237,27 @@ TEST(RuntimeException, ReadsEveryGoldenVersion) {
         golden(status::ExecutionError, "v4", {lookup, caller}, u"inner four", u"helper.q"),
         boost::make_shared<TaggedData>("four"));
 
-    struct Form {
-        std::string suffix;
-        Family plain, polymorphic;
-    };
-    for (Form const& form :
-         {Form{".txt", Family::Text, Family::PolyText}, Form{".xml", Family::Xml, Family::PolyXml},
-          Form{".bin", Family::Binary, Family::PolyBinary}}) {
+    for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
+        auto kept = [&](char const* stem) {
+            return quorl_testing::readGolden(std::string("runtimeexception/") + stem + form.suffix);
+        };
         for (Family f : {form.plain, form.polymorphic}) {
             SCOPED_TRACE(quorl_testing::familyName(f));
             RuntimeException e;
-            quorl_testing::read(f, readGolden("runtimeexception_v2" + form.suffix), e);
+            quorl_testing::read(f, kept("runtimeexception_v2"), e);
             EXPECT_EQ(v2, e);
-            quorl_testing::read(f, readGolden("runtimeexception_v3" + form.suffix), e);
+            quorl_testing::read(f, kept("runtimeexception_v3"), e);
             EXPECT_EQ(v3, e);
-            std::string const current = readGolden("runtimeexception_v4" + form.suffix);
+            std::string const current = kept("runtimeexception_v4");
             quorl_testing::read(f, current, e);
             EXPECT_EQ(v4, e);
             // The current form is written exactly as it was.
             EXPECT_EQ(current, quorl_testing::write(form.plain, v4));
 
             Frame frame;
-            quorl_testing::read(f, readGolden("stackframe_v1" + form.suffix), frame);
+            quorl_testing::read(f, kept("stackframe_v1"), frame);
             EXPECT_EQ(lookup, frame);
-            std::string const currentFrame = readGolden("stackframe_v2" + form.suffix);
+            std::string const currentFrame = kept("stackframe_v2");
             quorl_testing::read(f, currentFrame, frame);
             Frame const v2Frame(u"/src/l\u00e4ufer.q \U0001F600", "lookup", 12.25);
             EXPECT_EQ(v2Frame, frame);

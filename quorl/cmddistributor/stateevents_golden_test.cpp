@@ -1,7 +1,7 @@
 // Old and current wire forms of the state and completion events, against archives kept in
 // tests/golden/stateevents. Set QUORL_WRITE_GOLDEN=1 to rewrite the current-form files after an
 // intended change of a wire form.
-#include <tests/support/archivetesting.hpp>
+#include <tests/support/golden.hpp>
 
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
 #include <quorl/cmddistributor/iipcompletedevent.hpp>
@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 using namespace cmddistributor;
 using foundation::msg_svc::eventmgr::BaseEvent;
@@ -24,16 +23,12 @@ std::string goldenPath(std::string const& name) {
     return std::string(src ? src : ".") + "/tests/golden/stateevents/" + name;
 }
 
-std::string slurp(std::string const& path) {
-    std::ifstream in(path, std::ios::binary);
-    EXPECT_TRUE(in.good()) << "missing golden file " << path;
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
+std::string kept(std::string const& stem, Family f) {
+    return quorl_testing::readGolden("stateevents/" + stem + (f == Family::Xml ? ".xml" : ".txt"));
 }
 
 boost::shared_ptr<BaseEvent> readGolden(std::string const& stem, Family f) {
-    std::string bytes = slurp(goldenPath(stem + (f == Family::Xml ? ".xml" : ".txt")));
+    std::string bytes = kept(stem, f);
     BaseEvent* p = nullptr;
     quorl_testing::read(f, bytes, p);
     return boost::shared_ptr<BaseEvent>(p);
@@ -49,7 +44,7 @@ void checkCurrentForm(std::string const& stem, BaseEvent const& event) {
             std::ofstream(path, std::ios::binary) << bytes;
             continue;
         }
-        EXPECT_EQ(bytes, slurp(path)) << "the wire form of " << stem << " changed";
+        EXPECT_EQ(bytes, kept(stem, f)) << "the wire form of " << stem << " changed";
         auto back = readGolden(stem, f);
         ASSERT_TRUE(back);
         EXPECT_TRUE(*back == event);

@@ -2,6 +2,7 @@
 // own workspace per context, the client's workspace, output, errors and interrupts.
 #include <quorl/host/evalrunner.hpp>
 #include <quorl/host/host.hpp>
+#include <tests/support/nestederror.hpp>
 #include <tests/support/textbuffer.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
@@ -134,41 +135,7 @@ TEST_F(EvalRunnerTest, OutputAndErrorTextReachTheRequestsOwnSinksInOrder) {
 }
 
 TEST_F(EvalRunnerTest, AnErrorComesBackWithItsIdentifierStackAndCause) {
-    FennID const fenn{25};
-    RuntimeException e = failure(fenn, u"y = outerf(3);\n"
-                                       u"function r = outerf(x)\n"
-                                       u"  try\n"
-                                       u"    r = innerf(x);\n"
-                                       u"  catch\n"
-                                       u"    error('evaltest:outer', 'outer gave up');\n"
-                                       u"  end\n"
-                                       u"end\n"
-                                       u"function r = innerf(x)\n"
-                                       u"  error('evaltest:inner', 'inner failed on %d', x);\n"
-                                       u"end\n");
-    EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
-    EXPECT_EQ(e.GetID(), "evaltest:outer");
-    EXPECT_STREQ(e.what(), "outer gave up");
-    EXPECT_EQ(e.getFunctionName(), "outerf");
-    auto const& frames = e.getStackFrames();
-    // Code typed in has no frame of its own: the stack holds the functions' frames.
-    ASSERT_EQ(frames.size(), 1u);
-    EXPECT_EQ(frames[0].func, "outerf");
-    EXPECT_EQ(frames[0].line, 6.0);
-    EXPECT_TRUE(frames[0].file.empty());
-
-    ASSERT_EQ(e.getCauses().size(), 1u);
-    RuntimeException const& cause = e.getCauses()[0];
-    EXPECT_EQ(cause.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
-    EXPECT_EQ(cause.GetID(), "evaltest:inner");
-    EXPECT_STREQ(cause.what(), "inner failed on 3");
-    auto const& inner = cause.getStackFrames();
-    ASSERT_EQ(inner.size(), 2u);
-    EXPECT_EQ(inner[0].func, "innerf");
-    EXPECT_EQ(inner[0].line, 10.0);
-    EXPECT_EQ(inner[1].func, "outerf");
-    EXPECT_EQ(inner[1].line, 4.0);
-    EXPECT_TRUE(cause.getCauses().empty());
+    quorl_testing::expectNestedError(failure(FennID{25}, quorl_testing::nestedErrorCode));
 }
 
 TEST_F(EvalRunnerTest, CancelWithInterruptStopsARunningLoopAndTheContextServesOn) {

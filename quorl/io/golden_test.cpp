@@ -1,7 +1,7 @@
 // The kept archives of the wire forms: each is read back in both the plain and the polymorphic
 // archive of its family, and the current writer must still produce the text and XML files
 // byte for byte, so that any change of a wire form shows here.
-#include <tests/support/archivetesting.hpp>
+#include <tests/support/golden.hpp>
 
 #include <quorl/io/sinktextevent.hpp>
 #include <quorl/io/sinktraits.hpp>
@@ -11,40 +11,12 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-
 using namespace quorl::io;
 using foundation::msg_svc::eventmgr::BaseEvent;
 using foundation::msg_svc::exchange::IDType;
 using quorl_testing::Family;
 
 namespace {
-
-std::string goldenFile(std::string const& name) {
-    // Without the variable, this file's path names the source tree (relative or absolute).
-    std::string const here = __FILE__;
-    char const* root = std::getenv("QUORL_SOURCE_DIR");
-    std::string const path =
-        (root ? std::string(root) + "/" : here.substr(0, here.rfind("quorl/"))) + "tests/golden/" +
-        name;
-    std::ifstream is(path, std::ios::binary);
-    EXPECT_TRUE(is) << path;
-    std::ostringstream os;
-    os << is.rdbuf();
-    return os.str();
-}
-
-struct GoldenForm {
-    char const* suffix;
-    Family plain;
-    Family polymorphic;
-    bool byteExact; // binary archives carry platform sizes and are only read
-};
-GoldenForm const goldenForms[] = {{".txt", Family::Text, Family::PolyText, true},
-                                  {".xml", Family::Xml, Family::PolyXml, true},
-                                  {".bin", Family::Binary, Family::PolyBinary, false}};
 
 class GoldenSink : public VeldraSink {
 public:
@@ -59,9 +31,9 @@ public:
 // Checks every form of one event's golden files: read back equal to `expected`, and, where the
 // form is byte-exact, written the same as kept. Equality covers every field of the text events.
 template <class T> void checkEventGoldens(std::string const& stem, T const& expected) {
-    for (GoldenForm const& form : goldenForms) {
+    for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
         SCOPED_TRACE(stem + form.suffix);
-        std::string const bytes = goldenFile(stem + form.suffix);
+        std::string const bytes = quorl_testing::readGolden(stem + form.suffix);
         for (Family f : {form.plain, form.polymorphic}) {
             BaseEvent* back = nullptr;
             quorl_testing::read(f, bytes, back, "event");
@@ -81,9 +53,10 @@ template <class T> void checkEventGoldens(std::string const& stem, T const& expe
 TEST(Golden, SinkTraitsVersion1) {
     SinkTraits const written(boost::make_shared<GoldenSink>(true));
     SinkTraits const readBack(boost::make_shared<GoldenSink>(false));
-    for (GoldenForm const& form : goldenForms) {
+    for (quorl_testing::GoldenForm const& form : quorl_testing::goldenForms()) {
         SCOPED_TRACE(form.suffix);
-        std::string const bytes = goldenFile(std::string("sinktraits/sinktraits_v1") + form.suffix);
+        std::string const bytes =
+            quorl_testing::readGolden(std::string("sinktraits/sinktraits_v1") + form.suffix);
         for (Family f : {form.plain, form.polymorphic}) {
             SinkTraits traits;
             quorl_testing::read(f, bytes, traits, "traits");
@@ -101,9 +74,11 @@ TEST(Golden, TextEventsVersion1) {
     cmddistributor::RequestIdAdapter::setRequestId(IDType(1234567, 42));
     TextBaseEvent text(OutputStream, u"caf\u00e9 \U0001F600 <b>&amp;\"\n");
     text.addTag(u"golden");
-    checkEventGoldens("textbaseevent/textbaseevent_v1", text);
-
     cmddistributor::RequestIdAdapter::setRequestId(IDType(7654321, 9));
-    checkEventGoldens("sinktextevent/sinktextevent_v1",
-                      SinkTextEvent(ErrorStream, u"Error: x is undefined.\n"));
+    SinkTextEvent const sink(ErrorStream, u"Error: x is undefined.\n");
+    // Read under another request id than their own: the archive's id wins, as equality, which
+    // compares the ids, shows.
+    cmddistributor::RequestIdAdapter::setRequestId(IDType(5, 1));
+    checkEventGoldens("textbaseevent/textbaseevent_v1", text);
+    checkEventGoldens("sinktextevent/sinktextevent_v1", sink);
 }

@@ -1,5 +1,3 @@
-#include <tests/support/archivetesting.hpp>
-
 #include <quorl/eventmgr/eventmgraccess.hpp>
 #include <quorl/io/sinktextevent.hpp>
 #include <quorl/io/sinktexteventbuffer.hpp>
@@ -17,7 +15,6 @@ using foundation::msg_svc::eventmgr::BaseEvent;
 using foundation::msg_svc::exchange::IDType;
 using foundation::usm::Context;
 using foundation::usm::ContextScope;
-using quorl_testing::Family;
 
 namespace {
 
@@ -45,17 +42,6 @@ private:
     std::vector<boost::shared_ptr<BaseEvent>> events_;
     std::unique_ptr<foundation::msg_svc::eventmgr::Connection> connection_;
 };
-
-// Equality covers the stream, the text and the request id (checked below), so comparing with
-// the original checks every field. The kept golden XML fixes the element names.
-template <class T> void expectRoundTrips(T const& original) {
-    for (Family f : quorl_testing::allFamilies()) {
-        SCOPED_TRACE(quorl_testing::familyName(f));
-        auto back = quorl_testing::roundTripThroughBase<BaseEvent>(f, original);
-        ASSERT_TRUE(back) << "read back as another type";
-        EXPECT_TRUE(*back == original);
-    }
-}
 
 } // namespace
 
@@ -91,22 +77,6 @@ TEST(TextEvents, CarryTheRequestIdOfTheContextThatMadeThem) {
     EXPECT_NE(os.str().find("STREAMTYPE: 0\nTEXTLEN: 1\nTEXT: b\nREQUEST_ID: 7:4242\n"),
               std::string::npos)
         << os.str();
-}
-
-TEST(TextEvents, RoundTripInEveryFamilyKeepingTheSendersRequestId) {
-    std::unique_ptr<SinkTextEvent> sink;
-    std::unique_ptr<TextBaseEvent> base;
-    {
-        ContextScope scope(Context::create("sender"));
-        RequestIdAdapter::setRequestId(IDType(3, 99));
-        sink.reset(new SinkTextEvent(ErrorStream, u"\u00e9t\u00e9 \U0001F600\n<&>"));
-        base.reset(new TextBaseEvent(OutputStream, ustring()));
-    }
-    // Read inside another context with another id: the archive's id wins.
-    ContextScope scope(Context::create("receiver"));
-    RequestIdAdapter::setRequestId(IDType(5, 1));
-    expectRoundTrips(*sink);
-    expectRoundTrips(*base);
 }
 
 TEST(SinkTextEventBuffer, PublishesAtSyncAndWhenGrownPastTheLimit) {

@@ -1,35 +1,17 @@
 #include <quorl/language/codeinspection.hpp>
 
-#include <boost/filesystem.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 
 namespace {
 
 using quorl::language::CodeInspection;
 typedef CodeInspection::Completeness Completeness;
 namespace fs = boost::filesystem;
-
-class TempDir {
-public:
-    TempDir() : path_(fs::temp_directory_path() / fs::unique_path()) {
-        fs::create_directories(path_);
-    }
-    ~TempDir() {
-        boost::system::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    std::string str() const { return path_.string(); }
-    void write(std::string const& name, std::string const& text) const {
-        std::ofstream(path_ / name, std::ios::binary) << text;
-    }
-
-private:
-    fs::path path_;
-};
+using quorl_testing::TempDir;
 
 TEST(CodeInspection, CompletenessTellsOpenBlocksFromSyntaxErrors) {
     for (char const* code : {"x = 1", "", "if true, disp(1), end", "a = [1 2\n3 4]",

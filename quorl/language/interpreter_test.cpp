@@ -3,7 +3,7 @@
 #include <quorl/language/customworkspaceadapter.hpp>
 #include <quorl/language/localworkspace.hpp>
 
-#include <boost/filesystem.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <foundation/extdata/array/variableinfoimpldata.hpp>
 
@@ -15,7 +15,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <future>
 #include <map>
 #include <mutex>
@@ -24,6 +23,7 @@ namespace {
 
 using namespace quorl::language;
 namespace ext = foundation::extdata;
+using quorl_testing::TempDir;
 
 // Collects text; the first write fulfils `started` (the evaluation is running).
 class CapturingBuffer : public std::basic_streambuf<char16_t> {
@@ -56,26 +56,6 @@ private:
     std::mutex m_;
     std::u16string s_;
     bool signalled_ = false;
-};
-
-class TempDir {
-public:
-    TempDir() : path_(boost::filesystem::temp_directory_path() / boost::filesystem::unique_path()) {
-        boost::filesystem::create_directories(path_);
-    }
-    ~TempDir() {
-        boost::system::error_code ec;
-        boost::filesystem::remove_all(path_, ec);
-    }
-    std::string str() const { return path_.string(); }
-    std::string write(std::string const& name, std::string const& text) const {
-        std::string p = (path_ / name).string();
-        std::ofstream(p) << text;
-        return p;
-    }
-
-private:
-    boost::filesystem::path path_;
 };
 
 std::string run(Interpreter& in, std::string const& code) {
@@ -150,51 +130,6 @@ TEST(InterpreterStack, ThreeDeepCallReportsThreeFramesWithFileNameAndLine) {
         EXPECT_EQ(e.stack()[2].function, "outer1");
         EXPECT_EQ(e.stack()[2].line, 2);
     }
-}
-
-TEST(InterpreterStack, ErrorInCatchKeepsTheCaughtErrorAsCauseAndRethrowKeepsItsOwn) {
-    Interpreter in;
-    try {
-        run(in, "try\n  error('a:b', 'first %d', 1);\ncatch e\n  error('c:d', 'second');\nend");
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), "c:d");
-        EXPECT_EQ(e.message(), "second");
-        ASSERT_EQ(e.causes().size(), 1u);
-        EXPECT_EQ(e.causes()[0].identifier(), "a:b");
-        EXPECT_EQ(e.causes()[0].message(), "first 1");
-    }
-    try {
-        run(in, "try\n  error('a:b', 'only');\ncatch e\n  rethrow(e);\nend");
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), "a:b");
-        EXPECT_TRUE(e.causes().empty());
-    }
-}
-
-TEST(InterpreterSyntax, ErrorsNameLineAndColumnAndRunNothing) {
-    Interpreter in;
-    struct Case {
-        char const* code;
-        char const* where;
-    } const cases[] = {{"x = 1;\ny = (2 + ;", "line 2, column 10"},
-                       {"x = [1 2", "line 1, column 5"},
-                       {"if x\n  y = 1;\n", "line 3"},
-                       {"a = 3 $ 4", "line 1, column 7"},
-                       {"s = 'open", "line 1, column 5"}};
-    for (Case const& c : cases) {
-        try {
-            run(in, c.code);
-            ADD_FAILURE() << "no error for " << c.code;
-        } catch (LanguageError const& e) {
-            EXPECT_EQ(e.identifier(), errid::syntax) << c.code;
-            EXPECT_NE(std::string(e.what()).find(c.where), std::string::npos)
-                << c.code << ": " << e.what();
-        }
-    }
-    Value x;
-    EXPECT_FALSE(in.workspace().get("x", x));
 }
 
 TEST(InterpreterFunctions, FilesAreCachedAndReadAgainWhenChanged) {

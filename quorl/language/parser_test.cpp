@@ -102,6 +102,7 @@ TEST(ParserFunctions, FilesScriptsLocalFunctionsAndSlots) {
     EXPECT_EQ(anon.captures[0].first, u->main->symbols.find("k"));
 }
 
+// That code with a syntax error runs nothing is shown by the badsyntax conformance transcript.
 TEST(ParserErrors, PositionsOfCommonMistakes) {
     struct Case {
         char const* code;
@@ -115,6 +116,11 @@ TEST(ParserErrors, PositionsOfCommonMistakes) {
         {"%{\nnever closed", "Unterminated block comment"},
         {"x = @(a b) a", "line 1, column 9"},
         {"function f(\n", "line"},
+        {"x = 1;\ny = (2 + ;", "line 2, column 10"},
+        {"x = [1 2", "line 1, column 5"},
+        {"if x\n  y = 1;\n", "line 3"},
+        {"a = 3 $ 4", "line 1, column 7"},
+        {"s = 'open", "line 1, column 5"},
     };
     for (Case const& c : cases) {
         try {

@@ -4,6 +4,7 @@
 // the middle of an evaluation.
 #include <tests/crossprocess/serverprocess.hpp>
 #include <tests/evalremote/remoteeval.hpp>
+#include <tests/support/nestederror.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
@@ -144,32 +145,7 @@ TEST(EvalRemote, AnErrorCrossesWithItsIdentifierStackAndCause) {
     std::string const endpoint = "ipc://" + dir.path() + "/err";
     auto server = startServer(endpoint);
     Remote remote(endpoint, 5);
-    RuntimeException e = remote.failure(u"y = outerf(3);\n"
-                                        u"function r = outerf(x)\n"
-                                        u"  try\n"
-                                        u"    r = innerf(x);\n"
-                                        u"  catch\n"
-                                        u"    error('remote:outer', 'outer gave up');\n"
-                                        u"  end\n"
-                                        u"end\n"
-                                        u"function r = innerf(x)\n"
-                                        u"  error('remote:inner', 'inner failed on %d', x);\n"
-                                        u"end\n");
-    EXPECT_EQ(e.getExecutionStatus(), quorl::cmddistributor::ExecutionError);
-    EXPECT_EQ(e.GetID(), "remote:outer");
-    EXPECT_STREQ(e.what(), "outer gave up");
-    ASSERT_EQ(e.getStackFrames().size(), 1u);
-    EXPECT_EQ(e.getStackFrames()[0].func, "outerf");
-    EXPECT_EQ(e.getStackFrames()[0].line, 6.0);
-    ASSERT_EQ(e.getCauses().size(), 1u);
-    RuntimeException const& cause = e.getCauses()[0];
-    EXPECT_EQ(cause.GetID(), "remote:inner");
-    EXPECT_STREQ(cause.what(), "inner failed on 3");
-    ASSERT_EQ(cause.getStackFrames().size(), 2u);
-    EXPECT_EQ(cause.getStackFrames()[0].func, "innerf");
-    EXPECT_EQ(cause.getStackFrames()[0].line, 10.0);
-    EXPECT_EQ(cause.getStackFrames()[1].func, "outerf");
-    EXPECT_EQ(cause.getStackFrames()[1].line, 4.0);
+    expectNestedError(remote.failure(nestedErrorCode));
 
     // The context serves on after the error.
     Sink out;

@@ -1,6 +1,7 @@
 #include <fl/filesystem/installpath.hpp>
 #include <fl/i18n/conversions.hpp>
 #include <fl/i18n/messagecatalog.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
@@ -11,7 +12,8 @@ using namespace fl::i18n;
 namespace bfs = boost::filesystem;
 
 TEST(MessageCatalog, ReadsLocationsInOrderAndFormats) {
-    bfs::path root = bfs::temp_directory_path() / bfs::unique_path("quorl-cat-%%%%%%");
+    quorl_testing::TempDir dir;
+    bfs::path const& root = dir.path();
     bfs::create_directories(root / "a" / "messages");
     bfs::create_directories(root / "b");
     std::ofstream(((root / "a" / "messages") / "core.msg").string())
@@ -32,7 +34,6 @@ TEST(MessageCatalog, ReadsLocationsInOrderAndFormats) {
     std::ofstream(((root / "b") / "bad.msg").string()) << "no equals sign here\n";
     EXPECT_THROW(MessageCatalog::MessageCatalogInit({to_ustring((root / "b").string())}),
                  std::runtime_error);
-    bfs::remove_all(root);
 }
 
 TEST(InstallPath, IsTheParentOfTheLibraryFolder) {

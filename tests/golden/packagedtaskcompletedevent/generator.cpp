@@ -7,46 +7,21 @@
 
 #include <quorl/cmddistributor/packagedtaskcompletedevent.hpp>
 
-#include <fstream>
-#include <iostream>
+#include <tests/golden/goldenwriter.hpp>
 
-namespace {
-
+using cmddistributor::PackagedTaskCompletedEvent;
 using foundation::msg_svc::eventmgr::BaseEvent;
 
-template <class Archive>
-void writeTo(std::string const& path, std::ios::openmode mode, BaseEvent const* event) {
-    std::ofstream os(path, mode);
-    Archive a(os);
-    a << boost::serialization::make_nvp("event", event);
-}
-
-void writeAll(std::string const& base, BaseEvent const& event) {
-    writeTo<boost::archive::text_oarchive>(base + ".txt", std::ios::out, &event);
-    writeTo<boost::archive::xml_oarchive>(base + ".xml", std::ios::out, &event);
-    writeTo<boost::archive::binary_oarchive>(base + ".bin", std::ios::binary, &event);
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const folder = argv[1];
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         foundation::msg_svc::exchange::IDType const id(1234567, 1001);
-        writeAll(folder + "/packagedtaskcompletedevent_v2_int",
-                 cmddistributor::PackagedTaskCompletedEvent(id, boost::any(42)));
-        writeAll(
-            folder + "/packagedtaskcompletedevent_v2_error",
-            cmddistributor::PackagedTaskCompletedEvent(
-                id, cmddistributor::RuntimeException(quorl::cmddistributor::ExecutionError,
-                                                     std::string("task failed"), "", "", {}, {})));
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+        PackagedTaskCompletedEvent const withInt(id, boost::any(42));
+        PackagedTaskCompletedEvent const withError(
+            id, cmddistributor::RuntimeException(quorl::cmddistributor::ExecutionError,
+                                                 std::string("task failed"), "", "", {}, {}));
+        quorl_golden::writeArchives(folder + "/packagedtaskcompletedevent_v2_int", "event",
+                                    static_cast<BaseEvent const*>(&withInt));
+        quorl_golden::writeArchives(folder + "/packagedtaskcompletedevent_v2_error", "event",
+                                    static_cast<BaseEvent const*>(&withError));
+    });
 }

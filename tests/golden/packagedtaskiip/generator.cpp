@@ -6,36 +6,14 @@
 
 #include <quorl/cmddistributor/packagedtaskiip.hpp>
 
+#include <tests/golden/goldenwriter.hpp>
+
 #include <boost/any.hpp>
 
-#include <fstream>
-#include <iostream>
-
-namespace {
-
-template <class Archive>
-void writeTo(std::string const& path, std::ios::openmode mode, cmddistributor::IIP const* iip) {
-    std::ofstream os(path, mode);
-    Archive a(os);
-    a << boost::serialization::make_nvp("iip", iip);
-}
-
-} // namespace
-
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const base = std::string(argv[1]) + "/packagedtaskiip_v1";
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         cmddistributor::PackagedTaskIIP task([] { return boost::any(); }, nullptr, nullptr);
-        writeTo<boost::archive::text_oarchive>(base + ".txt", std::ios::out, &task);
-        writeTo<boost::archive::xml_oarchive>(base + ".xml", std::ios::out, &task);
-        writeTo<boost::archive::binary_oarchive>(base + ".bin", std::ios::binary, &task);
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+        quorl_golden::writeArchives(folder + "/packagedtaskiip_v1", "iip",
+                                    static_cast<cmddistributor::IIP const*>(&task));
+    });
 }

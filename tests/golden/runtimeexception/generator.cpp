@@ -5,6 +5,7 @@
 // new version is added: the files it writes are kept in the repository, and tests read them.
 #include <foundation/msg_svc/serialization/archives.hpp>
 
+#include <tests/golden/goldenwriter.hpp>
 #include <tests/golden/runtimeexception/taggeddata.hpp>
 
 #include <foundation/msg_svc/serialization/serializable.hpp>
@@ -15,8 +16,6 @@
 #include <boost/serialization/string.hpp>
 #include <boost/serialization/vector.hpp>
 
-#include <fstream>
-#include <iostream>
 #include <string>
 #include <vector>
 
@@ -85,21 +84,7 @@ namespace {
 
 template <class T>
 void writeAll(std::string const& folder, std::string const& name, T const& value) {
-    {
-        std::ofstream os(folder + "/" + name + ".txt");
-        boost::archive::text_oarchive a(os);
-        a << boost::serialization::make_nvp("object", value);
-    }
-    {
-        std::ofstream os(folder + "/" + name + ".xml");
-        boost::archive::xml_oarchive a(os);
-        a << boost::serialization::make_nvp("object", value);
-    }
-    {
-        std::ofstream os(folder + "/" + name + ".bin", std::ios::binary);
-        boost::archive::binary_oarchive a(os);
-        a << boost::serialization::make_nvp("object", value);
-    }
+    quorl_golden::writeValueArchives(folder + "/" + name, "object", value);
 }
 
 ustring const outerMessage = u"Index exceeds 3 \u00e9l\u00e9ments \U0001F600";
@@ -107,12 +92,7 @@ ustring const outerMessage = u"Index exceeds 3 \u00e9l\u00e9ments \U0001F600";
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const folder = argv[1];
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         old::ErrorV2 inner2{
             "quorl:inner:v2", u"inner two", 4, "helper", {{"h\xc3\xa9lper.q", "helper", 7}}, {}};
         old::ErrorV2 v2{"quorl:outer:v2",
@@ -153,9 +133,5 @@ int main(int argc, char** argv) {
         writeAll(folder, "stackframe_v1", old::FrameV1{"/src/l\xc3\xa4ufer.q", "lookup", 12});
         writeAll(folder, "stackframe_v2",
                  RuntimeException::StackFrame(u"/src/l\u00e4ufer.q \U0001F600", "lookup", 12.25));
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+    });
 }

@@ -5,10 +5,9 @@
 
 #include <quorl/io/sinktraits.hpp>
 
-#include <boost/make_shared.hpp>
+#include <tests/golden/goldenwriter.hpp>
 
-#include <fstream>
-#include <iostream>
+#include <boost/make_shared.hpp>
 
 namespace {
 
@@ -20,29 +19,11 @@ public:
     bool useLogging() const override { return true; }
 };
 
-template <class Archive>
-void writeTo(std::string const& path, std::ios::openmode mode, quorl::io::SinkTraits const& t) {
-    std::ofstream os(path, mode);
-    Archive a(os);
-    a << boost::serialization::make_nvp("traits", t);
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        std::cerr << "usage: " << argv[0] << " <folder for the golden archives>\n";
-        return 2;
-    }
-    std::string const base = std::string(argv[1]) + "/sinktraits_v1";
-    try {
+    return quorl_golden::generatorMain(argc, argv, [](std::string const& folder) {
         quorl::io::SinkTraits const traits(boost::make_shared<GoldenSink>());
-        writeTo<boost::archive::text_oarchive>(base + ".txt", std::ios::out, traits);
-        writeTo<boost::archive::xml_oarchive>(base + ".xml", std::ios::out, traits);
-        writeTo<boost::archive::binary_oarchive>(base + ".bin", std::ios::binary, traits);
-    } catch (std::exception const& e) {
-        std::cerr << "golden archives not written: " << e.what() << '\n';
-        return 1;
-    }
-    return 0;
+        quorl_golden::writeValueArchives(folder + "/sinktraits_v1", "traits", traits);
+    });
 }
