@@ -93,12 +93,16 @@ void Interpreter::threadMain(std::promise<void>& ready) {
     }
     ready.set_value();
 
+    bool lastFromThisProcess = false;
     for (;;) {
         QueuedPacket packet;
         auto execution = std::shared_ptr<PacketExecution>();
-        // Poll briefly before sleeping: a client sending in bursts then finds the interpreter
-        // awake instead of paying a wake-up per packet.
-        for (int spin = 0; spin < 64 && !hasWork_.load(std::memory_order_acquire); ++spin)
+        // Poll briefly before sleeping: a client in this process sending in bursts then finds the
+        // interpreter awake instead of paying a wake-up per packet. Not after a packet from
+        // another process, whose next one takes a round trip on the wire to come: polling would
+        // only take a core from the threads that carry it.
+        int const polls = lastFromThisProcess ? 64 : 0;
+        for (int spin = 0; spin < polls && !hasWork_.load(std::memory_order_acquire); ++spin)
             std::this_thread::yield();
         {
             std::unique_lock<std::mutex> lock(mutex_);
@@ -112,6 +116,7 @@ void Interpreter::threadMain(std::promise<void>& ready) {
                 packet.id, packet.iip, fennID_, managerOf(packet));
             running_.emplace_back(packet.id, execution);
         }
+        lastFromThisProcess = !packet.iip->wasSerialized();
         runPacket(packet, execution);
     }
 
