@@ -8,6 +8,7 @@
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+#include <typeinfo>
 
 namespace foundation {
 namespace msg_svc {
@@ -215,11 +216,26 @@ std::string encodeMessageFrame(FrameKind kind, std::uint64_t correlation, std::s
     return out;
 }
 
+namespace {
+// The archive of the default reply ("nothing to report"), which answers most messages (every
+// enqueue, for one): written once, and recognised when read, so that it costs no archive.
+std::string const& defaultReplyBytes() {
+    static std::string const bytes = encodeObject<Reply>(*Reply::defaultReply());
+    return bytes;
+}
+bool isDefaultReply(Reply const& reply) {
+    return typeid(reply) == typeid(Reply);
+}
+} // namespace
+
 std::string encodeReplyFrame(std::uint64_t correlation, Reply const& reply,
                              std::vector<BlockSpan>* blocks, std::size_t minBlock) {
     std::string out;
     std::size_t const at = putHeader(out, FrameKind::Reply, correlation, std::string());
-    appendObject(out, reply, blocks, minBlock);
+    if (isDefaultReply(reply))
+        out += defaultReplyBytes();
+    else
+        appendObject(out, reply, blocks, minBlock);
     patchLength(out, at);
     return out;
 }
@@ -237,9 +253,12 @@ std::string encodeReply(Reply const& r) {
     return encodeObject(r);
 }
 boost::shared_ptr<Reply const> decodeReply(std::string const& bytes) {
-    return decodeObject<Reply>(bytes.data(), bytes.size());
+    return decodeReply(bytes.data(), bytes.size());
 }
 boost::shared_ptr<Reply const> decodeReply(char const* bytes, std::size_t size) {
+    std::string const& plain = defaultReplyBytes();
+    if (size == plain.size() && std::memcmp(bytes, plain.data(), size) == 0)
+        return Reply::defaultReply();
     return decodeObject<Reply>(bytes, size);
 }
 std::string encodeEvent(eventmgr::BaseEvent const& e) {
