@@ -1,4 +1,3 @@
-#include <mutex>
 #include <quorl/cmddistributor/defaultdistributor.hpp>
 #include <quorl/cmddistributor/evaliip.hpp>
 #include <quorl/cmddistributor/futureexception.hpp>
@@ -23,6 +22,11 @@
 
 #include <boost/make_shared.hpp>
 
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <thread>
+
 namespace cmddistributor {
 
 using foundation::msg_svc::eventmgr::EventMgr;
@@ -46,11 +50,13 @@ namespace {
 
 class DeadlockChecker : public SharedWaitCallback::Callable {
 public:
+    // `spin`: how long the first wait polls for the result before it sleeps (see ReplySpin);
+    // for requests to another process, whose results cross the wire.
     DeadlockChecker(boost::shared_ptr<EventMgr> eventMgr,
                     std::weak_ptr<CmdDistributor::RequestTracking> tracking, bool checkRunNowThread,
-                    FennID fennID)
+                    FennID fennID, std::chrono::microseconds spin = std::chrono::microseconds(0))
         : eventMgr_(std::move(eventMgr)), tracking_(std::move(tracking)),
-          checkRunNowThread_(checkRunNowThread), fennID_(fennID) {}
+          checkRunNowThread_(checkRunNowThread), fennID_(fennID), spin_(spin) {}
     void operator()() override {
         if (checkRunNowThread_ && isRunNowThread(fennID_)) {
             if (isDone())
@@ -70,6 +76,13 @@ public:
                 ReleaseCountedMutexGuard release(quorl::utils::getFennMutex());
                 ready.wait();
             }
+            return;
+        }
+        // Not while holding the fenn mutex, which the result's delivery may need.
+        if (spin_.count() > 0 && !spun_.exchange(true)) {
+            auto const until = std::chrono::steady_clock::now() + spin_;
+            while (!isDone() && std::chrono::steady_clock::now() < until)
+                std::this_thread::yield();
         }
     }
 
@@ -88,14 +101,17 @@ protected:
     std::weak_ptr<CmdDistributor::RequestTracking> tracking_;
     bool checkRunNowThread_;
     FennID fennID_;
+    std::chrono::microseconds spin_;
+    std::atomic<bool> spun_{false}; // only the first wait spins
 };
 
 class RequestDeadlockChecker : public DeadlockChecker {
 public:
     RequestDeadlockChecker(Address address, IDType requestID, boost::shared_ptr<EventMgr> eventMgr,
                            std::weak_ptr<CmdDistributor::RequestTracking> tracking,
-                           bool checkRunNowThread, FennID fennID)
-        : DeadlockChecker(std::move(eventMgr), std::move(tracking), checkRunNowThread, fennID),
+                           bool checkRunNowThread, FennID fennID, std::chrono::microseconds spin)
+        : DeadlockChecker(std::move(eventMgr), std::move(tracking), checkRunNowThread, fennID,
+                          spin),
           address_(std::move(address)), requestID_(requestID) {}
 
     void unblock() override {
@@ -328,8 +344,11 @@ void DefaultDistributor::enqueueTracked(RequestTrackingPtr&& record, IDType cons
                                             PoolAllocator<RequestTracking>());
 
     if (shared->hasPromise() && shared->needsDeadlockChecking()) {
+        // A result from another process may be polled for briefly before the waiter sleeps.
+        auto const spin =
+            isLocal_ ? std::chrono::microseconds(0) : ExchangeApi::instance()->replySpin();
         shared->getPromise()->setWaitCallback(asCallback(makePooledShared<RequestDeadlockChecker>(
-            address_, id, eventMgr_, shared, isLocal_, fennID_)));
+            address_, id, eventMgr_, shared, isLocal_, fennID_, spin)));
     }
     bool const hasFuture = shared->hasPromise();
 

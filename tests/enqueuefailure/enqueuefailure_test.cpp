@@ -89,12 +89,16 @@ deliverHere(foundation::msg_svc::exchange::Routing const&, boost::shared_ptr<IIP
     return Reply::defaultReply();
 }
 
+// How long a wait for a result from another exchange polls before it sleeps, in this process.
+constexpr std::chrono::milliseconds kSpin{2000};
+
 class TwoExchanges : public ::testing::Environment {
 public:
     void SetUp() override {
         ExchangeConfig client;
         client.name = "client";
         client.transport = foundation::msg_svc::exchange::makeLoopbackTransport();
+        client.replySpin = kSpin; // long enough to be told from a wait that does not poll
         ExchangeApi::configure(client);
         ExchangeConfig server;
         server.name = "server";
@@ -198,4 +202,27 @@ TEST(EnqueueFailure, FailuresAtAnotherExchangeComeBackToTheRequest) {
 
     EXPECT_EQ(delivered.load(), deliveredBefore + 1) << "only the refused packet was delivered";
     EXPECT_EQ(tracked(d), 0u);
+}
+
+TEST(EnqueueFailure, AWaitForAResultFromAnotherExchangePollsOnceAndNoLongerThanItTakes) {
+    auto d = CmdDistributor::create(
+        quorl::contextmgr::FennID{3}, "server", boost::none,
+        quorl::eventmgr::createRemoteEventMgr("server", boost::none, boost::none));
+    auto const now = [] { return std::chrono::steady_clock::now(); };
+    auto const start = now();
+    auto refusedThere = d->enqueueWithFuture(refused());
+    EXPECT_NE(failureOf(refusedThere).find("deliver refused the packet"), std::string::npos);
+    EXPECT_LT(now() - start, kSpin / 2) << "the poll ends when the result comes";
+
+    // Delivered there, but no interpreter serves it: it never completes. The first wait polls
+    // for the whole bound; the waits after it do not poll again.
+    auto never = d->enqueueWithFuture(boost::make_shared<PacketRequest>(boost::make_shared<IIP>(
+        "served", DefaultIqmStreamID, quorl::io::SinkTraits(), quorl::io::SinkTraits())));
+    auto const first = now();
+    EXPECT_FALSE(never.timed_wait(boost::posix_time::milliseconds(0)));
+    EXPECT_GE(now() - first, kSpin);
+    auto const later = now();
+    for (int i = 0; i < 100; ++i)
+        EXPECT_FALSE(never.timed_wait(boost::posix_time::milliseconds(0)));
+    EXPECT_LT(now() - later, kSpin / 2);
 }

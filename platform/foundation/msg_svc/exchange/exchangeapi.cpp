@@ -765,6 +765,10 @@ ReplySpin ExchangeApi::makeReplySpin() const {
     return ReplySpin(impl_->replySpin());
 }
 
+std::chrono::microseconds ExchangeApi::replySpin() const {
+    return impl_->replySpin();
+}
+
 void ExchangeApi::submit(boost::shared_ptr<Message const> const& message, Address const& address) {
     impl_->submit(message, address, nullptr);
 }

@@ -95,6 +95,8 @@ public:
     virtual std::string getExchangeName() const;
     // A new spin for one reply's promise, of this exchange's configured bound.
     ReplySpin makeReplySpin() const;
+    // That bound (ExchangeConfig::replySpin), for waits on replies that come another way.
+    std::chrono::microseconds replySpin() const;
 
     // Registers the actor that serves `serviceName` on this exchange; its messages are delivered
     // on a thread of its own, in order. Throws std::invalid_argument if the name is taken or is
