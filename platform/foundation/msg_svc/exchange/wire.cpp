@@ -220,8 +220,10 @@ namespace {
 // The archive of the default reply ("nothing to report"), which answers most messages (every
 // enqueue, for one): written once, and recognised when read, so that it costs no archive.
 std::string const& defaultReplyBytes() {
-    static std::string const bytes = encodeObject<Reply>(*Reply::defaultReply());
-    return bytes;
+    // Never destroyed: transport threads may still answer while the process ends.
+    static std::string const* const bytes =
+        new std::string(encodeObject<Reply>(*Reply::defaultReply()));
+    return *bytes;
 }
 bool isDefaultReply(Reply const& reply) {
     return typeid(reply) == typeid(Reply);
