@@ -91,8 +91,10 @@ std::ostream& Reply::toString(std::ostream& os, int indent) const {
 }
 
 boost::shared_ptr<Reply const> const& Reply::defaultReply() {
-    static boost::shared_ptr<Reply const> const reply(new Reply);
-    return reply;
+    // Never destroyed: delivery threads may still answer while the process ends.
+    static boost::shared_ptr<Reply const> const* const reply =
+        new boost::shared_ptr<Reply const>(new Reply);
+    return *reply;
 }
 
 bool Reply::operator==(Reply const& other) const {
