@@ -710,31 +710,3 @@ TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
     server->stop();
     std::filesystem::remove_all(dir);
 }
-
-TEST(Exchange, OverZeroMQAReaderThatPollsAfterInputStillAnswersAndStops) {
-    // Polling for an hour after each frame: a frame that comes meanwhile ends the poll, and so
-    // does a stop.
-    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(dirTemplate));
-    std::string const dir = dirTemplate;
-    ZmqTransportOptions options;
-    options.pollAfterInput = std::chrono::hours(1);
-    ExchangeConfig serverConfig, clientConfig;
-    serverConfig.name = "ipc://" + dir + "/polling";
-    serverConfig.transport = makeZmqTransport(options);
-    clientConfig.name = "zmq-polling-client";
-    clientConfig.transport = makeZmqTransport(options);
-    auto server = ExchangeApi::create(serverConfig);
-    auto client = ExchangeApi::create(clientConfig);
-    Address const to(serverConfig.name, Address::SpecializedQueues::noqueue());
-    for (int n = 0; n < 50; ++n) {
-        auto f = client->submitWithReply(boost::make_shared<EchoMessage>(n), to);
-        ASSERT_EQ(f.wait_for(boost::chrono::seconds(10)), boost::future_status::ready);
-        EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(f.get())->value, n * 10);
-    }
-    auto const stopping = std::chrono::steady_clock::now();
-    client->stop();
-    server->stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopping, std::chrono::seconds(10));
-    std::filesystem::remove_all(dir);
-}
