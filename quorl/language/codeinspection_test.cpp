@@ -67,7 +67,7 @@ TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
     a.write("alpha.qrl", "function y = alpha(x)\n% ALPHA doubles x.\n%   y = alpha(x)\ny = 2*x;\n");
     a.write("notes.txt", "not code");
     b.write("alpha.qrl", "function y = alpha(x)\ny = 3*x;\n");
-    b.write("beta.qrl", "% BETA is a script.\n\n% not part of the help\nz = 1;\n");
+    b.write("beta.qrl", "% BETA is a script.\n\n% left out of the help\nz = 1;\n");
     b.write("gamma.qrl", "x = 1; % a comment after a statement is no help\n");
     EXPECT_EQ(CodeInspection::functionFiles({a.str(), b.str(), a.str() + "/missing"}),
               (std::vector<std::string>{"alpha", "beta", "gamma"}));
