@@ -1,18 +1,17 @@
 #include <foundation/msg_svc/serialization/archives.hpp>
 
+#include <tests/support/zmqexchanges.hpp>
+
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/eventmgr/flushmessage.hpp>
 #include <foundation/msg_svc/eventmgr/shutdownevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
-#include <foundation/msg_svc/exchange/zmqtransport.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 
 #include <boost/serialization/base_object.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -283,16 +282,9 @@ TEST(EventMgr, EventsFromAnotherProcessKeepOrderAndMayWaitForEventsOfAnotherIden
     // in the same turn still answers only once they have reached their subscribers, and a
     // subscriber that waits for an event of another identity does not keep it from arriving.
     using namespace foundation::msg_svc::exchange;
-    char dirTemplate[] = "/tmp/quorl-eventmgr-test-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(dirTemplate));
-    ExchangeConfig receiverConfig, senderConfig;
-    receiverConfig.name = std::string("ipc://") + dirTemplate + "/events";
-    receiverConfig.transport = makeZmqTransport();
-    senderConfig.name = "eventmgr-test-sender";
-    senderConfig.transport = makeZmqTransport();
-    auto receiver = ExchangeApi::create(receiverConfig);
-    auto sender = ExchangeApi::create(senderConfig);
-    Address const to(receiverConfig.name, Address::SpecializedQueues::noqueue());
+    quorl_testing::ZmqExchanges zmq("eventmgr-test-sender");
+    auto const& sender = zmq.client;
+    Address const to(zmq.serverName, Address::SpecializedQueues::noqueue());
     EmID const a = freshId(), b = freshId();
     EventMgrFront ma(nullptr, a), mb(nullptr, b);
 
@@ -338,9 +330,6 @@ TEST(EventMgr, EventsFromAnotherProcessKeepOrderAndMayWaitForEventsOfAnotherIden
     ASSERT_TRUE(flushed(a));
     EXPECT_TRUE(waitedForB.load());
     EXPECT_FALSE(offEventThread.load());
-    sender->stop();
-    receiver->stop();
-    std::filesystem::remove_all(dirTemplate);
 }
 
 TEST(EventMgr, RemoteManagersPublishOnlyWhatTheOtherProcessListensTo) {

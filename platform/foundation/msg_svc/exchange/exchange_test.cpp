@@ -1,5 +1,7 @@
 #include <foundation/msg_svc/serialization/archives.hpp>
 
+#include <tests/support/zmqexchanges.hpp>
+
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
 #include <foundation/msg_svc/exchange/communicationerrorevent.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
@@ -15,7 +17,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <future>
 #include <map>
 #include <memory>
@@ -23,7 +24,6 @@
 #include <set>
 #include <string>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 using namespace foundation::msg_svc;
@@ -511,17 +511,9 @@ TEST(Exchange, UnnamedExchangesMadeAtOnceGetDistinctNames) {
 
 TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
     // Senders hand frames to the socket themselves while the I/O thread reads replies from it.
-    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(dirTemplate));
-    std::string const dir = dirTemplate;
-    ExchangeConfig serverConfig;
-    serverConfig.name = "ipc://" + dir + "/server";
-    serverConfig.transport = makeZmqTransport();
-    auto server = ExchangeApi::create(serverConfig);
-    ExchangeConfig clientConfig;
-    clientConfig.name = "zmq-test-client";
-    clientConfig.transport = makeZmqTransport();
-    auto client = ExchangeApi::create(clientConfig);
+    quorl_testing::ZmqExchanges zmq("zmq-test-client");
+    auto const& client = zmq.client;
+    std::string const& serverName = zmq.serverName;
 
     constexpr int threads = 4, perThread = 150;
     std::mutex m;
@@ -540,8 +532,7 @@ TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
                                             : Address::SpecializedQueues::noqueue();
             for (int i = 0; i < perThread; ++i) {
                 client->submitWithHandler(
-                    boost::make_shared<EchoMessage>(t * 1000 + i),
-                    Address(serverConfig.name, queue),
+                    boost::make_shared<EchoMessage>(t * 1000 + i), Address(serverName, queue),
                     [&, t](boost::shared_ptr<Reply const> const& r) {
                         std::lock_guard<std::mutex> lock(m);
                         replies[t].push_back(
@@ -575,26 +566,15 @@ TEST(Exchange, OverZeroMQSendersOnManyThreadsKeepTheirOrderAndLoseNothing) {
             EXPECT_EQ(got, expected) << "thread " << t;
         }
     }
-    client->stop();
-    server->stop();
-    std::filesystem::remove_all(dir);
 }
 
 TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOrder) {
     // A delivery may run on the thread that read its frame, once another thread reads instead;
     // the threads that may do so are few, so later ones go to the lanes.
-    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(dirTemplate));
-    std::string const dir = dirTemplate;
-    ExchangeConfig serverConfig, clientConfig;
-    serverConfig.name = "ipc://" + dir + "/blocking";
-    serverConfig.transport = makeZmqTransport();
-    clientConfig.name = "zmq-blocking-client";
-    clientConfig.transport = makeZmqTransport();
-    auto server = ExchangeApi::create(serverConfig);
-    auto client = ExchangeApi::create(clientConfig);
-    Address const ordered(serverConfig.name, Address::SpecializedQueues::noqueue());
-    Address const unordered(serverConfig.name, Address::SpecializedQueues::unordered());
+    quorl_testing::ZmqExchanges zmq("zmq-blocking-client");
+    auto const& client = zmq.client;
+    Address const ordered(zmq.serverName, Address::SpecializedQueues::noqueue());
+    Address const unordered(zmq.serverName, Address::SpecializedQueues::unordered());
     auto const ready = [](auto& f) {
         return f.wait_for(boost::chrono::seconds(10)) == boost::future_status::ready;
     };
@@ -627,14 +607,12 @@ TEST(Exchange, OverZeroMQDeliveriesThatBlockNeitherStopTheReadingNorOvertakeInOr
     EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(behind.get())->value, 50);
 
     // An exchange stopped by a delivery its transport's thread runs ends cleanly.
-    stopTarget = server.get();
+    stopTarget = zmq.server.get();
     client->submit(
         boost::make_shared<GatesMessage>(GatesMessage::StopThenOpen, std::vector<int>{3}),
         unordered);
     ASSERT_TRUE(numberedGates.at(3)->waitFor(seconds(10)));
-    server.reset();
-    client->stop();
-    std::filesystem::remove_all(dir);
+    zmq.server.reset();
 }
 
 TEST(SerialLane, AClaimedLaneRunsLaterJobsOnlyAfterTheClaimIsReleased) {
@@ -678,25 +656,17 @@ TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
     auto const message = boost::make_shared<BlocksMessage>(sizes);
     ASSERT_GT(message->bytes(), std::size_t(5) << 20);
 
-    char dirTemplate[] = "/tmp/quorl-exchange-test-XXXXXX";
-    ASSERT_TRUE(::mkdtemp(dirTemplate));
-    std::string const dir = dirTemplate;
-    ExchangeConfig loopA, loopB, zmqServer, zmqClient;
+    ExchangeConfig loopA, loopB;
     loopA.name = "large-loop-a";
     loopA.transport = makeLoopbackTransport();
     loopB.name = "large-loop-b";
     loopB.transport = makeLoopbackTransport();
-    zmqServer.name = "ipc://" + dir + "/large";
-    zmqServer.transport = makeZmqTransport();
-    zmqClient.name = "large-zmq-client";
-    zmqClient.transport = makeZmqTransport();
     auto a = ExchangeApi::create(loopA);
     auto b = ExchangeApi::create(loopB);
-    auto server = ExchangeApi::create(zmqServer);
-    auto client = ExchangeApi::create(zmqClient);
+    quorl_testing::ZmqExchanges zmq("large-zmq-client");
 
     std::pair<ExchangeApi*, std::string> const routes[] = {{a.get(), loopB.name},
-                                                           {client.get(), zmqServer.name}};
+                                                           {zmq.client.get(), zmq.serverName}};
     for (auto const& route : routes) {
         for (std::string const& queue :
              {Address::SpecializedQueues::noqueue(), Address::SpecializedQueues::unordered()}) {
@@ -706,7 +676,4 @@ TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
             EXPECT_EQ(reply->value, static_cast<int>(sizes.size())) << route.second << " " << queue;
         }
     }
-    client->stop();
-    server->stop();
-    std::filesystem::remove_all(dir);
 }

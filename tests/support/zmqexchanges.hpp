@@ -1,0 +1,45 @@
+#pragma once
+// Two exchanges over ZeroMQ for a test: `server` binds an ipc endpoint in a folder of its own
+// (mode 0700, as the transport wants), `client` only connects out. Both are stopped, and the
+// folder removed, when the pair goes.
+#include <tests/support/tempdir.hpp>
+
+#include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/zmqtransport.hpp>
+
+#include <string>
+
+namespace quorl_testing {
+
+class ZmqExchanges {
+public:
+    explicit ZmqExchanges(std::string const& clientName) {
+        namespace ex = foundation::msg_svc::exchange;
+        boost::filesystem::permissions(dir_.path(), boost::filesystem::owner_all);
+        ex::ExchangeConfig serverConfig, clientConfig;
+        serverConfig.name = "ipc://" + dir_.str() + "/server";
+        serverConfig.transport = ex::makeZmqTransport();
+        clientConfig.name = clientName;
+        clientConfig.transport = ex::makeZmqTransport();
+        server = ex::ExchangeApi::create(serverConfig);
+        client = ex::ExchangeApi::create(clientConfig);
+        serverName = serverConfig.name;
+    }
+    ~ZmqExchanges() {
+        client->stop();
+        if (server) // a test may have stopped and dropped it
+            server->stop();
+    }
+    ZmqExchanges(ZmqExchanges const&) = delete;
+    ZmqExchanges& operator=(ZmqExchanges const&) = delete;
+
+private:
+    TempDir dir_; // made first, removed last
+
+public:
+    boost::shared_ptr<foundation::msg_svc::exchange::ExchangeApi> server;
+    boost::shared_ptr<foundation::msg_svc::exchange::ExchangeApi> client;
+    std::string serverName;
+};
+
+} // namespace quorl_testing
