@@ -1,5 +1,5 @@
-// Eval packets and requests on their own: construction, the holder they share, the text form,
-// the wire form in every archive family, and the distributor's naming of the exchanges.
+// Eval packets and requests on their own: construction, the holder they share, the wire form in
+// every archive family, and the distributor's naming of the exchanges.
 #include <tests/support/archivetesting.hpp>
 
 #include <quorl/cmddistributor/defaultdistributor.hpp>
@@ -95,36 +95,6 @@ TEST(EvalPackets, RequestsMakeTheirPacketByKind) {
     EXPECT_TRUE(user.isUserEval());
     EXPECT_EQ(packetOf(user)->getPluginType(), "user eval");
     EXPECT_FALSE(packetOf(user)->getWorkspaceHolder());
-}
-
-TEST(EvalPackets, TextFormCountsUnitsAndNamesTheCodeType) {
-    quorl::workspace::WorkspaceStoreScope scope;
-    std::u16string const code = u"s = '\u00e9\U0001F600';";
-    EvalIIP const packet("user eval", DefaultIqmStreamID, nullptr, nullptr, code);
-    std::string const text = packet.toString();
-    EXPECT_NE(text.find("CMDLEN 10\nCMD s = '\u00e9\U0001F600';\ncodeType ConventionalType\n"),
-              std::string::npos)
-        << text;
-    EXPECT_EQ(text.rfind("codeType ConventionalType\n"), text.size() - 26) << "last line";
-
-    for (auto type :
-         {std::make_pair(0, "CodeBlockType\n"), std::make_pair(1, "ScriptType\n"),
-          std::make_pair(3, "Undefined\n"), std::make_pair(4, "\n"), std::make_pair(-2, "\n")}) {
-        EvalIIP const p("user eval", DefaultIqmStreamID, nullptr, nullptr, nullptr, u"",
-                        static_cast<CodeType>(type.first));
-        std::string const t = p.toString();
-        EXPECT_EQ(t.substr(t.size() - std::string("codeType ").size() - std::strlen(type.second)),
-                  std::string("codeType ") + type.second);
-    }
-
-    auto ws = boost::make_shared<ClientWorkspace>();
-    EvalIIP withHolder("user eval", DefaultIqmStreamID, ws, nullptr, nullptr, u"q", ScriptType);
-    withHolder.setExchangeNames("tcp://far:1", "tcp://near:2");
-    std::string const t = withHolder.toString();
-    EXPECT_NE(t.find("codeType ScriptType\nwsId : 0:0\nclientExchangeNametcp://near:2\n"
-                     "exchangeNames\ntcp://far:1\n\n"),
-              std::string::npos)
-        << t;
 }
 
 TEST(EvalPackets, WireFormInEveryFamilyGivesTheClientItsOwnWorkspaceBack) {

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <type_traits>
 
@@ -50,29 +49,13 @@ TEST(PackagedTaskIIP, HoldsItsTaskAndRefusesAnEmptyOne) {
     }
 }
 
-TEST(PackagedTaskIIP, TextNamesTheTaskTypeAfterThePacket) {
-    int runs = 0;
-    auto task = makeTask(runs);
-    std::string text = task->toString();
-    EXPECT_EQ(text.rfind("PLUGINTYPE packaged_task\nSTREAM -2\n", 0), 0u) << text;
-    std::string tail = "std::function<void ()> cannot be serialized.\n";
-    ASSERT_GE(text.size(), tail.size());
-    EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
-    EXPECT_EQ(runs, 0) << "printing must not run the task";
-}
-
-TEST(PackagedTaskCompletedEvent, ResultTypeAndTextByConstructor) {
+TEST(PackagedTaskCompletedEvent, ResultTypeAndStatusByConstructor) {
     IDType id;
     PackagedTaskCompletedEvent none(id, boost::optional<RuntimeException>());
     EXPECT_EQ(none.type(), typeid(void));
     EXPECT_FALSE(none.canBeSerialized());
     EXPECT_EQ(none.getExecutionStatus(), 0);
     EXPECT_EQ(none.getIdOfChangedIIP(), id);
-    std::ostringstream noneText;
-    none.fillStream(noneText);
-    std::string tail = "EXECUTION_STATUS 0\ncontains void";
-    ASSERT_GE(noneText.str().size(), tail.size());
-    EXPECT_EQ(noneText.str().substr(noneText.str().size() - tail.size()), tail) << noneText.str();
 
     PackagedTaskCompletedEvent failed(id,
                                       RuntimeException(quorl::cmddistributor::ExecutionError,
@@ -80,17 +63,10 @@ TEST(PackagedTaskCompletedEvent, ResultTypeAndTextByConstructor) {
     EXPECT_EQ(failed.getExecutionStatus(), 2);
     ASSERT_TRUE(failed.getException());
     EXPECT_EQ(failed.type(), typeid(void));
-    std::ostringstream failedText;
-    failed.fillStream(failedText);
-    EXPECT_NE(failedText.str().find("EXECUTION_STATUS 2\ncontains void"), std::string::npos);
 
     PackagedTaskCompletedEvent valued(id, boost::any(std::string("x")));
     EXPECT_EQ(valued.getExecutionStatus(), 0);
     EXPECT_EQ(boost::any_cast<std::string>(valued.getTaskResult()), "x");
-    std::ostringstream valuedText;
-    valued.fillStream(valuedText);
-    EXPECT_NE(valuedText.str().find("contains std::__cxx11::basic_string"), std::string::npos)
-        << valuedText.str();
 }
 
 TEST(PackagedTaskCompletedEvent, ReferenceWrapperSwapsTheValueOutAndCloneCopiesIt) {

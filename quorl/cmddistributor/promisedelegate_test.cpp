@@ -23,14 +23,6 @@ int intExtraction(IIPCompletedEvent const& e) {
 }
 } // namespace
 
-TEST(FutureExceptions, NamesAndCopies) {
-    EXPECT_STREQ(FutureException().what(), "cmddistributor::FutureException");
-    EXPECT_STREQ(AlreadyCancelledException().what(), "cmddistributor::AlreadyCancelledException");
-    EXPECT_STREQ(WrongThreadException().what(), "cmddistributor::WrongThreadException");
-    auto p = boost::copy_exception(AlreadyCancelledException());
-    EXPECT_THROW(boost::rethrow_exception(p), AlreadyCancelledException);
-}
-
 TEST(PromiseDelegate, FinisherFirstAndWaiterFirst) {
     IIPCompletedEvent const done(IDType(1, 2), quorl::cmddistributor::ExecutionSuccess);
     {

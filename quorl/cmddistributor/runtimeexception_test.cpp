@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <sstream>
 
 BOOST_CLASS_EXPORT_IMPLEMENT(quorl_golden::TaggedData)
 
@@ -129,45 +128,6 @@ TEST(RuntimeException, IsThrownSharedAndCompared) {
     RuntimeException const nanCopy(nan);
     EXPECT_TRUE(nan == nan);
     EXPECT_FALSE(nan == nanCopy);
-}
-
-TEST(RuntimeException, WritesItsTextLayout) {
-    RuntimeException const e(
-        status::ExecutionError, u"outer", "a:b", "f",
-        {Frame(u"x\u00e9.q", "f", 12), Frame(u"y.q", "g", 3.5)},
-        {inner(), RuntimeException(status::ExecutionAborted, u"", "", "k", {}, {})});
-    std::ostringstream os;
-    EXPECT_EQ(&os, &e.write(os, "  "));
-    EXPECT_EQ(os.str(), "  status: 2\n"
-                        "  msg: outer\n"
-                        "  id: a:b\n"
-                        "  func: f\n"
-                        "  stack:\n"
-                        "         file: x\xc3\xa9.q\n"
-                        "         func: f\n"
-                        "         line: 12\n"
-                        "         ----\n"
-                        "         file: y.q\n"
-                        "         func: g\n"
-                        "         line: 3.5\n"
-                        "         ----\n"
-                        "  cause:\n"
-                        "         status: 4\n"
-                        "         msg: inner\n"
-                        "         id: c:d\n"
-                        "         func: g\n"
-                        "         stack:\n"
-                        "                file: z.q\n"
-                        "                func: h\n"
-                        "                line: 7\n"
-                        "                ----\n"
-                        "         cause:\n"
-                        "         status: 3\n"
-                        "         msg: \n"
-                        "         id: \n"
-                        "         func: k\n"
-                        "         stack:\n"
-                        "         cause:\n");
 }
 
 TEST(RuntimeException, SurvivesEveryArchiveFamily) {

@@ -112,6 +112,14 @@ boost::shared_ptr<CmdRequest> writeRequest(boost::shared_ptr<quorl::io::VeldraSi
 struct BypassProbe {
     std::promise<boost::shared_ptr<BaseEvent>> ended;
     std::thread::id thread;
+    // The event, as a T, once it has come within `patience`; null otherwise.
+    template <class T = BaseEvent>
+    boost::shared_ptr<T> end(std::chrono::seconds patience = kPatience) {
+        auto f = ended.get_future();
+        return f.wait_for(patience) == std::future_status::ready
+                   ? boost::dynamic_pointer_cast<T>(f.get())
+                   : nullptr;
+    }
     IIP::EventMgrBypass bypass() {
         return IIP::EventMgrBypass(
             [this](IIPCompletedEvent const& e) {
@@ -188,10 +196,8 @@ TEST_F(HostTest, CompletesThroughTheBypassOrElseThroughEventsAndReportsThrowingT
     auto iip = taskPacket([] { throw std::runtime_error("task failed"); });
     iip->setEventMgrBypass(probe.bypass());
     IDType const failing;
-    auto ended = probe.ended.get_future();
     deliverTo(fenn, iip, failing, mgr);
-    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
-    auto event = boost::dynamic_pointer_cast<PackagedTaskCompletedEvent>(ended.get());
+    auto event = probe.end<PackagedTaskCompletedEvent>();
     ASSERT_TRUE(event);
     EXPECT_EQ(event->getIdOfChangedIIP(), failing);
     EXPECT_EQ(event->getExecutionStatus(), quorl::cmddistributor::ExecutionError);
@@ -219,9 +225,7 @@ TEST_F(HostTest, CompletesThroughTheBypassOrElseThroughEventsAndReportsThrowingT
     auto orphan = boost::make_shared<IIP>("no such plug-in", UnsetIqmStreamID, nullptr, nullptr);
     orphan->setEventMgrBypass(orphanProbe.bypass());
     deliverTo(fenn, orphan, IDType(), mgr);
-    auto orphanEnd = orphanProbe.ended.get_future();
-    ASSERT_EQ(orphanEnd.wait_for(kPatience), std::future_status::ready);
-    auto orphanEvent = boost::dynamic_pointer_cast<IIPCompletedEvent>(orphanEnd.get());
+    auto orphanEvent = orphanProbe.end<IIPCompletedEvent>();
     ASSERT_TRUE(orphanEvent);
     EXPECT_EQ(orphanEvent->getExecutionStatus(), quorl::cmddistributor::ExecutionError);
     EXPECT_EQ(orphanEvent->getException()->GetMessageTxt(),
@@ -357,9 +361,7 @@ TEST_F(HostTest, RunNowRunsAQueuedPacketNestedOnTheCallingInterpreterThread) {
     EXPECT_FALSE(isRunNowThread(fenn));
     EXPECT_EQ(order, (std::vector<std::string>{"outer before", "inner", "outer after"}));
     EXPECT_EQ(innerThread, outerThread);
-    auto ended = innerProbe.ended.get_future();
-    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
-    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPCompletedEvent>(ended.get()));
+    EXPECT_TRUE(innerProbe.end<IIPCompletedEvent>());
 }
 
 TEST_F(HostTest, WaitingOnItsOwnContextFromTheInterpreterThreadRunsThePacketAtOnce) {
@@ -419,8 +421,7 @@ TEST_F(HostTest, RunNowFromAnotherThreadMovesThePacketToTheHeadOfItsQueue) {
     Host::runNow(secondId);
     EXPECT_EQ(Host::interpreter(fenn)->queuedIds().front(), secondId);
     gate.set_value();
-    auto ended = last.ended.get_future();
-    ASSERT_EQ(ended.wait_for(kPatience), std::future_status::ready);
+    ASSERT_TRUE(last.end());
     EXPECT_EQ(order, (std::vector<std::string>{"second", "first"}));
 }
 
@@ -502,19 +503,14 @@ TEST(HostLifecycle, StopDiscardsQueuedPacketsAndLaterOnesAndStartAgainServes) {
     gate.set_value();
     stopper.join();
     EXPECT_FALSE(Host::isRunning());
-    auto firstEnd = running.ended.get_future();
-    ASSERT_EQ(firstEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPCompletedEvent>(firstEnd.get()));
-    auto secondEnd = queued.ended.get_future();
-    ASSERT_EQ(secondEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPDiscardedEvent>(secondEnd.get()));
+    auto const atOnce = std::chrono::seconds(0); // stop has ended every packet
+    EXPECT_TRUE(running.end<IIPCompletedEvent>(atOnce));
+    EXPECT_TRUE(queued.end<IIPDiscardedEvent>(atOnce));
 
     auto third = taskPacket([] {});
     third->setEventMgrBypass(late.bypass());
     deliverTo(fenn, third, IDType());
-    auto lateEnd = late.ended.get_future();
-    ASSERT_EQ(lateEnd.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    EXPECT_TRUE(boost::dynamic_pointer_cast<IIPDiscardedEvent>(lateEnd.get()));
+    EXPECT_TRUE(late.end<IIPDiscardedEvent>(atOnce));
 
     Host::start();
     auto future = CmdDistributor::instance(fenn)->enqueueWithFuture(

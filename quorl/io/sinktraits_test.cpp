@@ -1,5 +1,3 @@
-#include <tests/support/archivetesting.hpp>
-
 #include <quorl/io/sinktraits.hpp>
 #include <quorl/io/veldrasink.hpp>
 
@@ -11,7 +9,6 @@
 #include <sstream>
 
 using namespace quorl::io;
-using quorl_testing::Family;
 
 namespace {
 
@@ -100,30 +97,4 @@ TEST(SinkTraits, TakenFromASinkAndComparedFieldByField) {
     Traits t(sink);
     EXPECT_TRUE(t.supportsMore() && t.useDiary() && t.useLogging());
     EXPECT_FALSE(t.supportsHotlinks() || t.needsFormattingForDisplay() || t.useEcho());
-    std::ostringstream os;
-    os << t;
-    EXPECT_EQ(os.str(), "more: true\nlinks: false\ndisplayformatting: false\ndiary: true\n"
-                        "echo: false\nlogging: true\n");
-}
-
-TEST(SinkTraits, ReadingBackDropsPagingInEveryFamily) {
-    auto sink = boost::make_shared<TestSink>();
-    sink->more = sink->links = sink->echo = true;
-    SinkTraits const original(sink);
-    for (Family f : quorl_testing::allFamilies()) {
-        SCOPED_TRACE(quorl_testing::familyName(f));
-        SinkTraits byValue;
-        quorl_testing::read(f, quorl_testing::write(f, original), byValue);
-        Traits back(byValue);
-        EXPECT_FALSE(back.supportsMore());
-        EXPECT_TRUE(back.equalsExceptSupportsMore(Traits(original)));
-
-        // Through a pointer, as packets hold them.
-        SinkTraits const* ptr = &original;
-        SinkTraits* loaded = nullptr;
-        quorl_testing::read(f, quorl_testing::write(f, ptr), loaded);
-        ASSERT_TRUE(loaded);
-        EXPECT_TRUE(*loaded == byValue);
-        delete loaded;
-    }
 }

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <limits>
-#include <sstream>
 
 using namespace quorl::matrixref;
 using foundation::msg_svc::exchange::Message;
@@ -66,8 +65,4 @@ TEST(ReleaseRefMessage, GoesToItsActorAndAnswersNothing) {
     EXPECT_FALSE(message.deliverToActor(service));
     EXPECT_EQ(service.served, std::vector<std::uint64_t>{77});
     EXPECT_EQ(MatrixRefServiceAPI::serviceName, "TarnServer");
-
-    std::ostringstream text;
-    message.toString(text, 2);
-    EXPECT_NE(text.str().find("\n    MatrixRef tag: 77\n"), std::string::npos) << text.str();
 }

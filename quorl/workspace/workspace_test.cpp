@@ -1,5 +1,5 @@
 // The workspace component in one process: the client workspace, the store, the variable
-// messages' deliver with both caches' rules, and the text forms. Wire forms and the road across
+// messages' deliver with both caches' rules, and their equality. Wire forms and the road across
 // exchanges are in tests/workspace.
 #include <quorl/workspace/clientworkspace.hpp>
 #include <quorl/workspace/onevariablegetmessage.hpp>
@@ -16,7 +16,6 @@
 #include <boost/thread/latch.hpp>
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <thread>
 
 using foundation::extdata::Array;
@@ -57,12 +56,6 @@ VariableValue getOne(IDType id, std::string name) {
     EXPECT_EQ(reply->getVarInfo().size(), 1u);
     EXPECT_EQ(reply->getVarInfo().at(0).first, name);
     return reply->getVarInfo().at(0).second;
-}
-
-template <class M> std::string text(M const& m) {
-    std::ostringstream os;
-    m.toString(os, 0);
-    return os.str();
 }
 
 } // namespace
@@ -285,37 +278,6 @@ TEST(VariableMessages, SetAndClearReachTheWorkspaceOnlyByTheirOpcodes) {
     EXPECT_EQ(
         VariablesSetMessage({"m"}, {}, VariablesSetMessage::VAR_CLEAR, IDType()).deliver(here()),
         Reply::defaultReply());
-}
-
-TEST(VariableMessages, TextFormsNameEveryFieldButNoValue) {
-    IDType const id(12, 34);
-    EXPECT_EQ(text(OneVariableGetMessage("x", id)),
-              "quorl::workspace::OneVariableGetMessage\n  wsID: 12:34\n  varName: x\n");
-    EXPECT_EQ(text(VariablesGetMessage({"x", "y"}, id)),
-              "quorl::workspace::VariablesGetMessage\n  wsID: 12:34\n  varNames: \n    x\n    y\n");
-    EXPECT_EQ(text(VariablesGetReply({{"x", {IVariableInfo::StatusUnchanged, row({1})}},
-                                      {"y", {IVariableInfo::StatusValue, row({2})}}})),
-              "quorl::workspace::VariablesGetReply\n  varInfo: \n    varName : x\n    status : 3\n"
-              "    varName : y\n    status : 2\n");
-    EXPECT_EQ(text(VariablesSetMessage({"x"}, {row({1})}, VariablesSetMessage::VAR_CLEAR, id)),
-              "quorl::workspace::VariablesSetMessage\n  wsID: 12:34\n  OpCode: VAR_CLEAR\n"
-              "  varNames: \n    x\n");
-    for (auto op : {std::make_pair(0, "VAR_NOOP"), std::make_pair(1, "VAR_SET"),
-                    std::make_pair(7, "INVALID"), std::make_pair(-1, "INVALID")}) {
-        auto t = text(
-            VariablesSetMessage({}, {}, static_cast<VariablesSetMessage::OpCode>(op.first), id));
-        EXPECT_NE(t.find(std::string("  OpCode: ") + op.second + "\n"), std::string::npos) << t;
-    }
-    EXPECT_EQ(text(WorkspaceDeletedMessage(id)),
-              "quorl::workspace::WorkspaceDeletedMessage\n  wsID: 12:34\n");
-
-    // The holder: id, names, client exchange, destinations.
-    WorkspaceStoreScope scope;
-    auto ws = boost::make_shared<ClientWorkspace>();
-    WorkspaceHolder bare(ws);
-    std::ostringstream plain;
-    bare.write(plain);
-    EXPECT_EQ(plain.str(), "wsId : 0:0\nclientExchangeName\n");
 }
 
 TEST(VariableMessages, EqualityLooksAtEveryField) {

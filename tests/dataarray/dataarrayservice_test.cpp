@@ -3,6 +3,7 @@
 #include <quorl/cmddistributor/dataarraypayload.hpp>
 
 #include <tests/support/archivetesting.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <foundation/cppmicroservices/framework.hpp>
 
@@ -28,14 +29,11 @@ namespace {
 
 // A bundle root whose plug-in folder holds one manifest per (file name, library, method).
 struct PluginRoot {
-    fs::path root = fs::temp_directory_path() / fs::unique_path("dataarray-%%%%-%%%%");
+    quorl_testing::TempDir dir;
+    fs::path const& root = dir.path();
     fs::path folder = root / "bin" / "win64" / "serializer_plugins";
 
     PluginRoot() { fs::create_directories(folder); }
-    ~PluginRoot() {
-        boost::system::error_code ec;
-        fs::remove_all(root, ec);
-    }
     void add(const std::string& file, const std::string& library, const std::string& method,
              const std::string& type = "foundation::extdata::Array") {
         std::ofstream out((folder / file).string());

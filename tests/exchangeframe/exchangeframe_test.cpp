@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <sstream>
 #include <thread>
 
 using namespace cmddistributor;
@@ -144,18 +143,4 @@ TEST(ExchangeFrame, MessagesCrossEveryArchiveWithTheirFieldNames) {
     }
     EXPECT_EQ(quorl_testing::xmlElementNames(quorl_testing::write(Family::Xml, reply)),
               (std::vector<std::string>{"object", "reply", "status"}));
-}
-
-TEST(ExchangeFrame, TextForms) {
-    IDType const id(7, 8);
-    std::ostringstream cancel, runNow, reply;
-    IIPCancelMessage(id, true).toString(cancel, 2);
-    EXPECT_NE(cancel.str().find("\n    IIPID: 7:8\n    INTERRUPT: 1\n"), std::string::npos)
-        << cancel.str();
-    IIPRunNowMessage(id).toString(runNow, 0);
-    EXPECT_NE(runNow.str().find("\n  IIPID: 7:8\n"), std::string::npos) << runNow.str();
-    IIPCancelReply(IIPCancelReply::CancelNotCancelled).toString(reply, 4);
-    // The base text ignores the indent; the status line follows it.
-    EXPECT_EQ(reply.str().substr(0, 1), "c");
-    EXPECT_NE(reply.str().find("\n      status: 1\n"), std::string::npos) << reply.str();
 }

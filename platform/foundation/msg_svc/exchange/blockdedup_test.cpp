@@ -3,6 +3,7 @@
 #include <foundation/msg_svc/exchange/blockdedup.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/zmqtransport.hpp>
+#include <tests/support/tempdir.hpp>
 
 #include <boost/serialization/base_object.hpp>
 #include <boost/serialization/string.hpp>
@@ -11,7 +12,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -129,15 +129,8 @@ struct Pair {
     Pair(bool zmq, std::size_t senderCache, std::size_t receiverCache) : zmq(zmq) {
         static std::atomic<int> n{0};
         std::string const tag = std::to_string(::getpid()) + "-" + std::to_string(n++);
-        if (zmq) {
-            char dirTemplate[] = "/tmp/quorl-blocks-test-XXXXXX";
-            if (!::mkdtemp(dirTemplate))
-                throw std::runtime_error("no temporary directory");
-            dir = dirTemplate;
-            receiverName = "ipc://" + dir + "/receiver";
-        } else {
-            receiverName = "blocks-receiver-" + tag;
-        }
+        boost::filesystem::permissions(dir.path(), boost::filesystem::owner_all); // for ipc://
+        receiverName = zmq ? "ipc://" + dir.str() + "/receiver" : "blocks-receiver-" + tag;
         receiverConfig.name = receiverName;
         receiverConfig.blockCacheBytes = receiverCache;
         startReceiver();
@@ -151,8 +144,6 @@ struct Pair {
     ~Pair() {
         sender.reset();
         receiver.reset();
-        if (!dir.empty())
-            std::filesystem::remove_all(dir);
     }
     void startReceiver() {
         receiverConfig.transport = zmq ? makeZmqTransport() : makeLoopbackTransport();
@@ -172,7 +163,8 @@ struct Pair {
     }
 
     bool zmq;
-    std::string dir, receiverName;
+    quorl_testing::TempDir dir; // removed after the exchanges have stopped
+    std::string receiverName;
     ExchangeConfig receiverConfig;
     boost::shared_ptr<Tap> tap;
     boost::shared_ptr<ExchangeApi> receiver, sender;
