@@ -66,7 +66,10 @@ public:
                 return;
             throw WrongThreadException();
         }
-        if (fenn_mutex_is_acquired()) {
+        // Only a waiter that holds the fenn mutex must give it up while it waits (the request
+        // may need it to run). Any other waiter goes on to the future's own wait, which keeps a
+        // timed wait's limit even while an interpreter holds the mutex.
+        if (quorl::utils::getFennMutex()->isLockedByCaller()) {
             // Wait on the delegate's own handle, not on the record: holding the record here
             // would keep a request that a shutdown drops from ever being released.
             std::shared_future<void> ready;

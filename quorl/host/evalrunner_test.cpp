@@ -186,6 +186,45 @@ private:
     std::promise<void> askedPromise_;
 };
 
+TEST_F(EvalRunnerTest, ATimedWaitEndsAtItsLimitWhileTheInterpreterHoldsTheFennMutex) {
+    FennID const fenn{28};
+    // Code that reads `gate` from this workspace: the read waits, inside the interpreter and
+    // with the fenn mutex held, until the test lets it go.
+    class GatedWorkspace : public quorl::workspace::ClientWorkspace {
+    public:
+        foundation::extdata::array::VariableInfo
+        getVariables(std::vector<char const*> const& names) override {
+            if (names.size() == 1 && std::string(names[0]) == "gate" && !reached_.exchange(true)) {
+                heldWhileGated_ = quorl::utils::getFennMutex()->isLocked();
+                reachedPromise_.set_value();
+                open_.wait();
+            }
+            return ClientWorkspace::getVariables(names);
+        }
+        std::atomic<bool> reached_{false};
+        bool heldWhileGated_ = false;
+        std::promise<void> reachedPromise_;
+        std::promise<void> openPromise_;
+        std::shared_future<void> open_ = openPromise_.get_future().share();
+    };
+    auto ws = boost::make_shared<GatedWorkspace>();
+    ws->set("gate", Array::createScalar(1.0));
+    auto reached = ws->reachedPromise_.get_future();
+    auto future =
+        CmdDistributor::instance(fenn)->enqueueWithFuture(boost::make_shared<EvalCmdRequest>(
+            true, UnsetIqmStreamID, ws, nullptr, nullptr, u"x = gate + 1;", ConventionalType));
+    ASSERT_EQ(reached.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    EXPECT_TRUE(ws->heldWhileGated_);
+    auto timedWait = std::async(
+        std::launch::async, [&] { return future.timed_wait(boost::posix_time::milliseconds(20)); });
+    bool const ended = timedWait.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    ws->openPromise_.set_value();
+    ASSERT_TRUE(ended) << "the timed wait lasted as long as the request";
+    EXPECT_FALSE(timedWait.get());
+    finish(std::move(future));
+    EXPECT_EQ(ws->find("x")->get<double>(0), 2.0);
+}
+
 TEST_F(EvalRunnerTest, CodeThatPrintsNothingLetsOtherThreadsTakeTheFennMutex) {
     FennID const fenn{27};
     auto ws = boost::make_shared<WatchedWorkspace>("go");
@@ -204,8 +243,6 @@ TEST_F(EvalRunnerTest, CodeThatPrintsNothingLetsOtherThreadsTakeTheFennMutex) {
             *quorl::utils::getFennMutex());
         ws->set("go", Array::createScalar(1.0));
     });
-    // Waits on the other thread: the request's future waits through the distributor's wait
-    // callback, which waits for the end whatever the time limit.
     if (other.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
         ADD_FAILURE() << "the loop kept the fenn mutex";
         CmdDistributor::instance(fenn)->cancelRequest(id, true).wait();
