@@ -57,11 +57,19 @@ class CommandWindow(unittest.TestCase):
         w.sendline("disp(6 * 7 + 1)")
         w.expect_exact("43\r\n")
         w.expect_exact(PROMPT)
-        self.leave(w)
+        # A Ctrl-D typed while a command runs (the terminal in its ordinary mode) ends the
+        # session once the command has.
+        w.sendline("disp('begun'); pause(0.5); disp('paused')")
+        w.expect_exact("begun\r\n")
+        w.sendeof()
+        w.expect_exact("paused\r\n")
+        w.expect(pexpect.EOF)
+        w.close()
+        self.assertEqual(w.exitstatus, 0)
         # The history file brings the last line back in the next session: up, Enter.
         w = self.open()
         w.send("\x1b[A\r")
-        w.expect_exact("43\r\n")
+        w.expect_exact("paused\r\n")
         w.expect_exact(PROMPT)
         self.leave(w)
 

@@ -29,6 +29,8 @@ Interrupts* activeInterrupts = nullptr;
 // blocking read after poll saw input could wait for ever while the signal goes to another
 // thread: a terminal is read through a descriptor of its own that does not block.
 int inputFd = STDIN_FILENO;
+// Characters read for the line being edited.
+std::size_t charsOfLine = 0;
 
 // libedit's character source: standard input, or an end of the line at Ctrl-C (the signal, or
 // the character itself when the terminal passes it on).
@@ -57,6 +59,12 @@ int readCharacter(FILE*) {
             droppedLine = true;
             return EOF;
         }
+        // A Ctrl-D typed while the terminal was still in its ordinary mode (a command running,
+        // or the prompt just printed) ends a line there; the editor's mode then hands it over as
+        // a NUL. At the start of a line it still means the end of input.
+        if (c == 0 && charsOfLine == 0)
+            return EOF;
+        ++charsOfLine;
         return c;
     }
 }
@@ -106,6 +114,7 @@ int CommandWindow::run() {
     for (;;) {
         char const* const prompt = command.empty() ? kPrompt : kContinuation;
         droppedLine = false;
+        charsOfLine = 0;
         std::unique_ptr<char, FreeLine> line(readline(prompt));
         if (droppedLine) {
             std::fputs("^C\n", stdout);
