@@ -13,14 +13,15 @@ namespace quorl_testing {
 
 class ZmqExchanges {
 public:
-    explicit ZmqExchanges(std::string const& clientName) {
+    explicit ZmqExchanges(std::string const& clientName,
+                          foundation::msg_svc::exchange::ZmqTransportOptions const& options = {}) {
         namespace ex = foundation::msg_svc::exchange;
         boost::filesystem::permissions(dir_.path(), boost::filesystem::owner_all);
         ex::ExchangeConfig serverConfig, clientConfig;
         serverConfig.name = "ipc://" + dir_.str() + "/server";
-        serverConfig.transport = ex::makeZmqTransport();
+        serverConfig.transport = ex::makeZmqTransport(options);
         clientConfig.name = clientName;
-        clientConfig.transport = ex::makeZmqTransport();
+        clientConfig.transport = ex::makeZmqTransport(options);
         server = ex::ExchangeApi::create(serverConfig);
         client = ex::ExchangeApi::create(clientConfig);
         serverName = serverConfig.name;

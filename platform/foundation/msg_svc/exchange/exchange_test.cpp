@@ -677,3 +677,20 @@ TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
         }
     }
 }
+
+TEST(Exchange, OverZeroMQAReaderThatPollsAfterInputStillAnswersAndStops) {
+    // Polling for an hour after each frame: a frame that comes meanwhile ends the poll, and so
+    // does a stop.
+    ZmqTransportOptions options;
+    options.pollAfterInput = std::chrono::hours(1);
+    auto zmq = std::make_unique<quorl_testing::ZmqExchanges>("zmq-polling-client", options);
+    Address const to(zmq->serverName, Address::SpecializedQueues::noqueue());
+    for (int n = 0; n < 50; ++n) {
+        auto f = zmq->client->submitWithReply(boost::make_shared<EchoMessage>(n), to);
+        ASSERT_EQ(f.wait_for(boost::chrono::seconds(10)), boost::future_status::ready);
+        EXPECT_EQ(boost::dynamic_pointer_cast<TestReply const>(f.get())->value, n * 10);
+    }
+    auto const stopping = std::chrono::steady_clock::now();
+    zmq.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopping, std::chrono::seconds(10));
+}

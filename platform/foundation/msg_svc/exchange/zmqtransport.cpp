@@ -815,6 +815,7 @@ private:
         std::vector<Received> received;
         std::vector<std::pair<std::string, boost::exception_ptr>> failed;
         detail::InlineSlot slot;
+        Clock::time_point lastInput;
         // One lock per turn: read what the sockets hold, drop the peers that failed, and list the
         // sockets to wait on next; then, without it, hand over what was read, and wait. A send
         // that changes what must be waited on wakes the wait.
@@ -851,6 +852,8 @@ private:
                                             body->size());
                 }
             }
+            if (!received.empty())
+                lastInput = Clock::now();
             received.clear();
             for (auto& f : failed)
                 sink_->peerFailed(f.first, f.second);
@@ -878,7 +881,11 @@ private:
             }
 
             try {
-                zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
+                // While frames keep coming (a wake-up often reads nothing: the sockets'
+                // descriptors signal more than new frames).
+                bool const conversing = Clock::now() - lastInput < kConversation;
+                if (!(conversing && timeoutMs > 0 && pollBriefly(items)))
+                    zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
             } catch (std::exception const& e) {
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
             }
@@ -891,6 +898,23 @@ private:
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
             }
         }
+    }
+
+    // How long after the last frame read the reading thread still polls before it sleeps.
+    static constexpr std::chrono::milliseconds kConversation{10};
+
+    // Polls `items` for up to pollAfterInput, yielding between polls; true once one is ready
+    // (a wake-up included: a stop or a change of the sockets ends it too).
+    bool pollBriefly(std::vector<zmq::pollitem_t>& items) {
+        if (options_.pollAfterInput.count() <= 0)
+            return false;
+        auto const until = std::chrono::steady_clock::now() + options_.pollAfterInput;
+        do {
+            if (zmq::poll(items.data(), items.size(), std::chrono::milliseconds(0)) > 0)
+                return true;
+            std::this_thread::yield();
+        } while (std::chrono::steady_clock::now() < until);
+        return false;
     }
 
     // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.

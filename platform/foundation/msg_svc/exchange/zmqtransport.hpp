@@ -67,6 +67,11 @@ struct ZmqTransportOptions {
     std::chrono::milliseconds peerHeartbeatTimeout{10000};
     // How long a new connection may take to complete its handshake before its peer fails.
     std::chrono::milliseconds connectTimeout{1000};
+    // While frames come (the last one read less than 10 ms ago), the reading thread polls the
+    // sockets this long (yielding the core) before it sleeps: a peer in conversation usually
+    // writes again soon, and where idle processors halt, waking a sleeping thread costs more than
+    // a round trip's own work. Zero: it sleeps at once.
+    std::chrono::microseconds pollAfterInput{250};
 };
 
 boost::shared_ptr<Transport> makeZmqTransport(ZmqTransportOptions const& options = {});
