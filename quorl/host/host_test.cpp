@@ -453,6 +453,7 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
     // to get the mutex is the task's release.
     auto interpreter = Host::interpreter(quorl::contextmgr::BlessedFennID);
     std::atomic<bool> started{false}, helperHasLock{false}, sawHelperLock{false};
+    std::atomic<bool> helperLeaving{false}, wentOnWhileHeld{false};
     std::atomic<bool> nextRan{false};
     auto busy = boost::make_shared<FcnCmdRequest<void>>(
         [&] {
@@ -464,6 +465,7 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
             if (!ids.empty())
                 IIPRunNowMessage(ids.front()).deliver(Routing("test", "noqueue"));
             sawHelperLock = helperHasLock.load();
+            wentOnWhileHeld = !helperLeaving.load();
         },
         nullptr, nullptr);
     auto& distributor = CmdDistributor::instance();
@@ -493,11 +495,14 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
         EXPECT_TRUE(queued());
         EXPECT_FALSE(nextRan.load());
         EXPECT_FALSE(busyFuture.is_ready());
+        helperLeaving = true; // the helper lets the lock go after this
     }
     EXPECT_FALSE(quorl::utils::getFennMutex()->isLockedByCaller());
     ASSERT_TRUE(busyFuture.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_TRUE(sawHelperLock.load())
         << "the busy packet went on only after the helper had the lock";
+    EXPECT_FALSE(wentOnWhileHeld.load())
+        << "the busy packet went on while the helper held the lock";
     ASSERT_TRUE(nextFuture.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_TRUE(nextRan.load());
 
