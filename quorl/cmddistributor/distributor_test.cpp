@@ -23,8 +23,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -102,6 +105,13 @@ struct Side {
     // What run-now does: finish the packet through its bypass, when set.
     std::atomic<bool> runNowCompletes{true};
     std::map<IDType, Arrival> byId;
+    // What the host does when a cancel reaches it, before it replies; guarded by m.
+    std::function<void(IDType const&)> onCancel;
+
+    void setOnCancel(std::function<void(IDType const&)> f) {
+        std::lock_guard<std::mutex> l(m);
+        onCancel = std::move(f);
+    }
 
     Arrival next() {
         std::unique_lock<std::mutex> l(m);
@@ -128,8 +138,15 @@ deliverHere(foundation::msg_svc::exchange::Routing const&, boost::shared_ptr<IIP
     return Reply::defaultReply();
 }
 
-boost::shared_ptr<Reply const> cancelHere(IDType const&, bool) {
+boost::shared_ptr<Reply const> cancelHere(IDType const& id, bool) {
     ++side.cancels;
+    std::function<void(IDType const&)> hook;
+    {
+        std::lock_guard<std::mutex> l(side.m);
+        hook = side.onCancel;
+    }
+    if (hook)
+        hook(id);
     return boost::make_shared<IIPCancelReply const>(
         static_cast<IIPCancelReply::CancelStatus>(side.cancelReply.load()));
 }
@@ -301,24 +318,32 @@ TEST_F(Distributor, CancelTable) {
     {
         auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
         Arrival a = side.next();
-        std::thread host([a] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        // The host ends the packet once the cancel has reached it (had it ended before, there
+        // would be nothing to cancel); the end and the reply may then come in either order.
+        std::promise<void> reached;
+        side.setOnCancel([&](IDType const&) { reached.set_value(); });
+        std::thread host([a, r = reached.get_future()] {
+            EXPECT_EQ(r.wait_for(std::chrono::seconds(20)), std::future_status::ready);
             a.eventMgr->publish(boost::make_shared<IIPDiscardedEvent const>(a.id));
         });
         EXPECT_TRUE(d->cancel(a.id));
         host.join();
+        side.setOnCancel(nullptr);
         EXPECT_THROW(f.get(), AlreadyCancelledException);
     }
     // Reply 2, then a completion of status 4: the cancel ends with 3.
     {
         auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
         Arrival a = side.next();
-        std::thread host([a] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::promise<void> reached;
+        side.setOnCancel([&](IDType const&) { reached.set_value(); });
+        std::thread host([a, r = reached.get_future()] {
+            EXPECT_EQ(r.wait_for(std::chrono::seconds(20)), std::future_status::ready);
             complete(a, quorl::cmddistributor::ExecutionInterrupted, true);
         });
         EXPECT_EQ(d->cancelRequest(a.id, true).get(), CmdDistributor::CancelEndedByStatus4);
         host.join();
+        side.setOnCancel(nullptr);
         EXPECT_THROW(f.get(), RuntimeException);
     }
     // A second cancel while the first is pending throws, and the first goes on.
@@ -327,20 +352,32 @@ TEST_F(Distributor, CancelTable) {
         auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
         Arrival a = side.next();
         auto tracked = boost::static_pointer_cast<DefaultDistributor>(d);
-        // Make the first cancel pending by hand through the record: cancel with reply 1 stores
-        // 1 but a pending promise is what the second must meet, so race two cancels.
-        std::atomic<int> threw{0};
-        auto cancelOnce = [&] {
-            try {
-                d->cancelRequest(a.id, false).get();
-            } catch (AlreadyCancelledException const&) {
-                ++threw;
-            }
-        };
-        std::thread t1(cancelOnce), t2(cancelOnce);
-        t1.join();
-        t2.join();
-        EXPECT_LE(threw.load(), 1);
+        // A cancel is pending from when its promise is in the request's record (before its
+        // message goes) until the host's reply answers it. The host holds its first reply back
+        // until the second cancel has been tried.
+        std::promise<void> reached, replyGate;
+        std::atomic<bool> held{false};
+        side.setOnCancel([&, gate = replyGate.get_future().share()](IDType const&) {
+            if (held.exchange(true))
+                return;
+            reached.set_value();
+            EXPECT_EQ(gate.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+        });
+        CmdDistributor::CancelStatus firstStatus = CmdDistributor::CancelNotFound;
+        std::thread first([&] { firstStatus = d->cancelRequest(a.id, false).get(); });
+        EXPECT_EQ(reached.get_future().wait_for(std::chrono::seconds(20)),
+                  std::future_status::ready);
+        // The record takes one cancel promise at a time: cancelRequest itself throws (not its
+        // future), and no cancel message goes to the host.
+        int const messages = side.cancels.load();
+        EXPECT_THROW(d->cancelRequest(a.id, false), AlreadyCancelledException);
+        EXPECT_EQ(side.cancels.load(), messages);
+        replyGate.set_value();
+        first.join();
+        side.setOnCancel(nullptr);
+        EXPECT_EQ(firstStatus, CmdDistributor::CancelNotCancelled); // the host's reply 1
+        // The reply answered the first cancel: the record takes a new one.
+        EXPECT_EQ(d->cancelRequest(a.id, false).get(), CmdDistributor::CancelNotCancelled);
         complete(a, quorl::cmddistributor::ExecutionSuccess, true);
         f.get();
         EXPECT_EQ(tracked->trackedCount(), 0u);
@@ -398,16 +435,24 @@ TEST_F(Distributor, WaitersNeitherDeadlockNorHoldTheFennMutex) {
     {
         auto f = d->enqueueWithFuture(boost::make_shared<TestRequest>());
         Arrival a = side.next();
+        fenn_acquire_mutex();
+        fenn_acquire_mutex();
         std::atomic<bool> freeDuringWait{false};
         std::thread host([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            freeDuringWait = quorl::utils::getFennMutex()->try_lock();
-            if (freeDuringWait)
-                quorl::utils::getFennMutex()->unlock();
+            // The waiter holds the mutex from before this thread starts until it waits in get():
+            // taking it shows that the wait gave it up. The mutex tells no one when it is freed,
+            // so this polls, up to a deadline, and ends the request either way.
+            auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (!freeDuringWait && std::chrono::steady_clock::now() < until) {
+                if (quorl::utils::getFennMutex()->try_lock()) {
+                    freeDuringWait = true;
+                    quorl::utils::getFennMutex()->unlock();
+                } else {
+                    std::this_thread::yield();
+                }
+            }
             complete(a, quorl::cmddistributor::ExecutionSuccess, true);
         });
-        fenn_acquire_mutex();
-        fenn_acquire_mutex();
         f.get();
         EXPECT_EQ(quorl::utils::getFennMutex()->depthOfCaller(), 2u);
         fenn_release_mutex();

@@ -14,6 +14,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -68,11 +72,13 @@ class CountingRequest : public CmdRequest {
 public:
     CountingRequest() : CmdRequest(DefaultIqmStreamID, nullptr, nullptr) {}
     std::atomic<int> made{0};
+    std::function<void()> whileMaking; // runs inside createIIP when set
 
 protected:
     boost::shared_ptr<IIP> createIIP() override {
         ++made;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        if (whileMaking)
+            whileMaking();
         return boost::make_shared<PlainIIP>(getOutputSink(), getErrorSink());
     }
 };
@@ -159,10 +165,26 @@ TEST(Requests, SinksDefaultToTheCommandWindowAndThePacketIsMadeOnce) {
     ASSERT_TRUE(out && err);
     EXPECT_EQ(out->getStreamType(), quorl::io::OutputStream);
     EXPECT_EQ(err->getStreamType(), quorl::io::ErrorStream);
+    // The first maker holds on until all six threads have set off for getIIP, so the others
+    // come while the packet is being made. Whatever order they then come in, one packet is made.
+    std::mutex m;
+    std::condition_variable cv;
+    int setOff = 0;
+    request->whileMaking = [&] {
+        std::unique_lock<std::mutex> l(m);
+        EXPECT_TRUE(cv.wait_for(l, std::chrono::seconds(20), [&] { return setOff == 6; }));
+    };
     std::vector<boost::shared_ptr<IIP>> seen(6);
     std::vector<std::thread> threads;
     for (int i = 0; i < 6; ++i)
-        threads.emplace_back([&, i] { seen[i] = request->getIIP(); });
+        threads.emplace_back([&, i] {
+            {
+                std::lock_guard<std::mutex> l(m);
+                ++setOff;
+            }
+            cv.notify_all();
+            seen[i] = request->getIIP();
+        });
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(request->made.load(), 1);

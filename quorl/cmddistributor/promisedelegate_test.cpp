@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 
 using namespace cmddistributor;
@@ -29,27 +31,35 @@ TEST(PromiseDelegate, FinisherFirstAndWaiterFirst) {
         // Finisher first: waiting returns at once.
         PromiseDelegateT<void> d(&countExtraction);
         auto f = d.getFuture();
+        int const before = extracted.load(); // counts across repeats of the test
         d.setValue(done);
         EXPECT_TRUE(d.isPromiseDone());
         d.waitTillReady();
         f.get();
-        EXPECT_EQ(extracted.load(), 1);
+        EXPECT_EQ(extracted.load(), before + 1);
     }
     {
         // Asking first creates the task and answers false; a waiter blocks until setException.
         PromiseDelegateT<void> d(nullptr);
         auto f = d.getFuture();
         EXPECT_FALSE(d.isPromiseDone());
-        std::atomic<bool> released{false};
+        auto handle = d.readyHandle(); // what waitTillReady waits on
+        ASSERT_TRUE(handle.valid());
+        EXPECT_EQ(handle.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+        std::promise<void> returned;
+        auto waiterReturned = returned.get_future();
         std::thread waiter([&] {
             d.waitTillReady();
-            released = true;
+            returned.set_value();
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        EXPECT_FALSE(released.load());
+        // Nothing tells that the waiter is blocked, so this wait only gives an early return the
+        // time to show; in whichever order the threads run, a correct waiter is still waiting.
+        EXPECT_EQ(waiterReturned.wait_for(std::chrono::milliseconds(20)),
+                  std::future_status::timeout);
         d.setException(boost::copy_exception(AlreadyCancelledException()));
+        EXPECT_EQ(waiterReturned.wait_for(std::chrono::seconds(20)), std::future_status::ready);
         waiter.join();
-        EXPECT_TRUE(released.load());
+        EXPECT_EQ(handle.wait_for(std::chrono::seconds(0)), std::future_status::ready);
         EXPECT_TRUE(d.isPromiseDone());
         EXPECT_THROW(f.get(), AlreadyCancelledException);
     }
@@ -81,6 +91,9 @@ TEST(PromiseDelegate, DestructionReleasesWaitersThroughBothDoors) {
         d->waitTillReady();
         waiterDone = true;
     });
+    // This sleep stays: only a waiter already blocked in waitTillReady may see the delegate
+    // destroyed (one about to enter would use a dead object), and nothing outside the delegate
+    // tells that the waiter has blocked.
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_FALSE(waiterDone.load());
     d.reset();
@@ -153,11 +166,9 @@ TEST(PromiseDelegate, WaitCallbacksRunBeforeAnUnreadyWaitAndTheirErrorsReachGet)
     auto g = quiet->getFuture();
     quiet->setWaitCallback(SharedWaitCallback(counting));
     quiet->setWaitCallback(boost::function<void()>());
-    std::thread finisher([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        quiet->setValue(IIPCompletedEvent(IDType(1, 8), quorl::cmddistributor::ExecutionSuccess));
-    });
-    g.get();
-    finisher.join();
+    // A wait on the unready future would run an installed callback before it times out.
+    EXPECT_FALSE(g.timed_wait(boost::posix_time::milliseconds(0)));
     EXPECT_EQ(counting->calls.load(), 1) << "no callback once cleared";
+    quiet->setValue(IIPCompletedEvent(IDType(1, 8), quorl::cmddistributor::ExecutionSuccess));
+    g.get();
 }

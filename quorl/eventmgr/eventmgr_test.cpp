@@ -16,7 +16,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <thread>
+#include <future>
 
 using namespace quorl;
 using namespace quorl::eventmgr;
@@ -56,10 +56,18 @@ TEST(EventMgrAccess, ActiveManagerPerContextAndIdentities) {
     // Managers made here call subscribers under the fenn mutex while someone holds it: a
     // subscriber cannot run while this thread holds it, and runs once flush gives it up.
     std::atomic<int> delivered{0};
-    auto conn = a->subscribe<TARNShutdownEvent>([&](TARNShutdownEvent const&) { ++delivered; });
+    std::promise<void> arrived;
+    auto conn = a->subscribe<TARNShutdownEvent>([&](TARNShutdownEvent const&) {
+        if (++delivered == 1)
+            arrived.set_value();
+    });
     fenn_acquire_mutex();
     a->notify<TARNShutdownEvent>(foundation::msg_svc::eventmgr::DeliverQueued);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Nothing tells that the event thread is waiting for the mutex, so this wait only gives a
+    // delivery that would not wait the time to show; in whatever order the threads run, a
+    // correct manager delivers nothing before the flush.
+    EXPECT_EQ(arrived.get_future().wait_for(std::chrono::milliseconds(50)),
+              std::future_status::timeout);
     EXPECT_EQ(delivered.load(), 0);
     a->flush(); // gives the fenn mutex up while it waits
     EXPECT_EQ(delivered.load(), 1);

@@ -26,6 +26,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -46,21 +47,42 @@ namespace {
 
 constexpr auto kPatience = std::chrono::seconds(20);
 
-// A packet that loops through safe points until it is interrupted or released.
+// A packet that loops through safe points until it is interrupted or let go. An interrupt is a
+// flag that only a safe point reads, so the loop passes one every millisecond, like a program at
+// work; letting it go wakes it at once.
 struct LoopRunner : quorl::host::PacketRunner {
-    std::atomic<bool> release{false};
-    std::atomic<int> safePoints{0};
+    void letGo() {
+        {
+            std::lock_guard<std::mutex> l(m);
+            released = true;
+        }
+        cv.notify_all();
+    }
+    // Whether the packet has reached its first safe point within kPatience.
+    bool waitStarted() { return startedFuture.wait_for(kPatience) == std::future_status::ready; }
+
     boost::shared_ptr<IIPCompletedEvent> run(quorl::host::PacketExecution& execution) override {
         execution.output(quorl::io::StreamTypeEnum(0), u"looping");
         execution.output(quorl::io::StreamTypeEnum(1), u"on error");
-        while (!release.load()) {
-            ++safePoints;
+        for (;;) {
+            if (!startedOnce.exchange(true))
+                started.set_value();
             execution.safePoint();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            std::unique_lock<std::mutex> l(m);
+            if (cv.wait_for(l, std::chrono::milliseconds(1), [this] { return released; }))
+                break;
         }
         return boost::make_shared<IIPCompletedEvent>(execution.getId(),
                                                      quorl::cmddistributor::ExecutionSuccess);
     }
+
+private:
+    std::mutex m;
+    std::condition_variable cv;
+    bool released = false; // guarded by m
+    std::atomic<bool> startedOnce{false};
+    std::promise<void> started;
+    std::future<void> startedFuture = started.get_future();
 };
 
 // A packet that writes ten chunks of 100 units ("AAA...", "BBB...", ...) and ends.
@@ -152,7 +174,7 @@ protected:
         Host::start();
     }
     void TearDown() override {
-        loop->release = true;
+        loop->letGo();
         Host::stop();
     }
     boost::shared_ptr<LoopRunner> loop;
@@ -241,19 +263,19 @@ TEST_F(HostTest, CancelDiscardsAQueuedPacketAndInterruptsARunningOne) {
     boost::shared_ptr<CmdRequest> looping = boost::make_shared<RunnerRequest>("test_loop");
     IDType const loopId;
     auto loopFuture = distributor->enqueueWithFuture(looping, loopId);
-    while (loop->safePoints.load() == 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(loop->waitStarted());
 
     std::atomic<bool> queuedRan{false};
     auto queued =
         boost::make_shared<FcnCmdRequest<void>>([&] { queuedRan = true; }, nullptr, nullptr);
     IDType const queuedId;
     auto queuedFuture = distributor->enqueueWithFuture(queued, queuedId);
-    // The enqueue travels through the exchange: wait until the packet is in the queue.
+    // The enqueue travels through the exchange: wait until the packet is in the queue. The
+    // interpreter tells no one when its queue changes, so this polls, up to a deadline.
     auto interpreter = Host::interpreter(fenn);
     auto until = std::chrono::steady_clock::now() + kPatience;
     while (interpreter->queuedCount() == 0 && std::chrono::steady_clock::now() < until)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::yield();
     ASSERT_EQ(interpreter->queuedCount(), 1u);
 
     // Without interrupt a running packet runs on.
@@ -296,7 +318,7 @@ TEST_F(HostTest, OutputOfARunningPacketReachesTheRequestsOwnSinks) {
     auto future = CmdDistributor::instance(FennID{8})->enqueueWithFuture(request);
     EXPECT_EQ(outBuffer->waitForLength(7), u"looping");
     EXPECT_EQ(errBuffer->waitForLength(8), u"on error");
-    loop->release = true;
+    loop->letGo();
     ASSERT_TRUE(future.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_NO_THROW(future.get());
 }
@@ -431,6 +453,7 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
     // to get the mutex is the task's release.
     auto interpreter = Host::interpreter(quorl::contextmgr::BlessedFennID);
     std::atomic<bool> started{false}, helperHasLock{false}, sawHelperLock{false};
+    std::atomic<bool> helperLeaving{false}, wentOnWhileHeld{false};
     std::atomic<bool> nextRan{false};
     auto busy = boost::make_shared<FcnCmdRequest<void>>(
         [&] {
@@ -442,6 +465,7 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
             if (!ids.empty())
                 IIPRunNowMessage(ids.front()).deliver(Routing("test", "noqueue"));
             sawHelperLock = helperHasLock.load();
+            wentOnWhileHeld = !helperLeaving.load();
         },
         nullptr, nullptr);
     auto& distributor = CmdDistributor::instance();
@@ -457,15 +481,28 @@ TEST_F(HostTest, LockBFLHelperTakesTheFennMutexFromABusyInterpreter) {
         // A packet queued now waits behind the busy one, which waits for this lock.
         auto next =
             boost::make_shared<FcnCmdRequest<void>>([&] { nextRan = true; }, nullptr, nullptr);
-        nextFuture = distributor.enqueueWithFuture(next);
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        IDType const nextId;
+        nextFuture = distributor.enqueueWithFuture(next, nextId);
+        // Once the packet is queued it can only wait. The interpreter tells no one when its queue
+        // changes, so this polls, up to a deadline.
+        auto const until = std::chrono::steady_clock::now() + kPatience;
+        auto queued = [&] {
+            auto const ids = interpreter->queuedIds();
+            return std::find(ids.begin(), ids.end(), nextId) != ids.end();
+        };
+        while (!queued() && !nextRan.load() && std::chrono::steady_clock::now() < until)
+            std::this_thread::yield();
+        EXPECT_TRUE(queued());
         EXPECT_FALSE(nextRan.load());
         EXPECT_FALSE(busyFuture.is_ready());
+        helperLeaving = true; // the helper lets the lock go after this
     }
     EXPECT_FALSE(quorl::utils::getFennMutex()->isLockedByCaller());
     ASSERT_TRUE(busyFuture.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_TRUE(sawHelperLock.load())
         << "the busy packet went on only after the helper had the lock";
+    EXPECT_FALSE(wentOnWhileHeld.load())
+        << "the busy packet went on while the helper held the lock";
     ASSERT_TRUE(nextFuture.timed_wait(boost::posix_time::seconds(20)));
     EXPECT_TRUE(nextRan.load());
 
@@ -483,28 +520,37 @@ TEST(HostLifecycle, StopDiscardsQueuedPacketsAndLaterOnesAndStartAgainServes) {
     Host::start();
     EXPECT_THROW(Host::start(), std::logic_error);
     FennID const fenn{7};
-    std::promise<void> gate;
-    auto gateFuture = gate.get_future().share();
+    // The running packet goes on until stop asks it to end, and then ends normally, like a packet
+    // without safe points: stop waits for it. Stop's request is a flag that nothing signals, so
+    // the packet polls it, up to a deadline.
+    struct UntilStopRunner : quorl::host::PacketRunner {
+        std::promise<void> started;
+        boost::shared_ptr<IIPCompletedEvent> run(quorl::host::PacketExecution& execution) override {
+            started.set_value();
+            auto const until = std::chrono::steady_clock::now() + kPatience;
+            while (!execution.isInterruptRequested() && std::chrono::steady_clock::now() < until)
+                std::this_thread::yield();
+            return boost::make_shared<IIPCompletedEvent>(execution.getId(),
+                                                         quorl::cmddistributor::ExecutionSuccess);
+        }
+    };
+    auto untilStop = boost::make_shared<UntilStopRunner>();
+    auto untilStopStarted = untilStop->started.get_future();
+    Host::registerRunner("test_until_stop", untilStop);
     BypassProbe running, queued, late;
-    std::atomic<bool> firstStarted{false};
-    auto first = taskPacket([gateFuture, &firstStarted] {
-        firstStarted = true;
-        gateFuture.wait();
-    });
+    auto first = boost::make_shared<IIP>("test_until_stop", UnsetIqmStreamID, nullptr, nullptr);
     first->setEventMgrBypass(running.bypass());
     auto second = taskPacket([] {});
     second->setEventMgrBypass(queued.bypass());
     deliverTo(fenn, first, IDType());
     deliverTo(fenn, second, IDType());
-    while (!firstStarted.load())
-        std::this_thread::yield();
-    std::thread stopper([] { Host::stop(); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    gate.set_value();
-    stopper.join();
+    ASSERT_EQ(untilStopStarted.wait_for(kPatience), std::future_status::ready);
+    Host::stop();
     EXPECT_FALSE(Host::isRunning());
     auto const atOnce = std::chrono::seconds(0); // stop has ended every packet
-    EXPECT_TRUE(running.end<IIPCompletedEvent>(atOnce));
+    auto ran = running.end<IIPCompletedEvent>(atOnce);
+    ASSERT_TRUE(ran);
+    EXPECT_EQ(ran->getExecutionStatus(), quorl::cmddistributor::ExecutionSuccess);
     EXPECT_TRUE(queued.end<IIPDiscardedEvent>(atOnce));
 
     auto third = taskPacket([] {});

@@ -20,6 +20,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -78,6 +79,7 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
     for (auto& s : slots)
         s.reset(new Slot);
     std::atomic<long> sent{0};
+    std::promise<void> halfway; // set by the client that sends request total / 2
     std::atomic<long> ran{0};
     std::atomic<bool> shutdownDone{false};
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::minutes(5);
@@ -110,7 +112,8 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
                 } else {
                     s.future = distributor->enqueueWithFuture(request, s.id);
                 }
-                ++sent;
+                if (sent.fetch_add(1) + 1 == total / 2)
+                    halfway.set_value();
                 if (std::chrono::steady_clock::now() > deadline)
                     break;
             }
@@ -145,15 +148,14 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
                     // a cancel of the same request was pending already
                 }
                 ++cancelsAnswered;
-                std::this_thread::sleep_for(std::chrono::microseconds(50));
+                std::this_thread::sleep_for(std::chrono::microseconds(50)); // paces the load
             }
         });
     }
 
     // A shutdown in the middle.
-    std::thread shutdown([&] {
-        while (sent.load() < total / 2 && std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::thread shutdown([&, half = halfway.get_future()] {
+        half.wait_until(deadline);
         auto session = quorl::eventmgr::createLocalEventMgr(boost::none);
         session->notify<quorl::eventmgr::TARNShutdownEvent>(
             foundation::msg_svc::eventmgr::DeliverQueued);
@@ -172,10 +174,11 @@ TEST(Stress, EveryRequestEndsExactlyOnce) {
         if (!s.withFuture || !s.future.valid())
             continue;
         if (!s.future.is_ready()) {
-            // Wait without the future's wait callback, which would block without a bound.
+            // Wait without the future's wait callback, which would block without a bound: every
+            // wait on the future runs it, so readiness can only be polled, up to a deadline.
             auto const until = std::chrono::steady_clock::now() + std::chrono::minutes(2);
             while (!s.future.is_ready() && std::chrono::steady_clock::now() < until)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                std::this_thread::yield();
         }
         ASSERT_TRUE(s.future.is_ready())
             << "a future never ended: request " << s.id.toString()

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -215,10 +216,24 @@ TEST(EventMgr, WatchesCountAndUnsubscribeFromInsideACallback) {
 
 TEST(EventMgr, FlushIsABarrierAndSubscribersRunUnderTheGettersMutex) {
     auto mutex = boost::make_shared<threadutil::CountedMutex>();
-    EventMgrFront mgr([mutex] { return mutex->isLocked() ? mutex : nullptr; }, freshId());
+    // The getter tells when a thread other than this one has first been given the mutex: the
+    // event thread, about to take it for a delivery.
+    auto const self = std::this_thread::get_id();
+    std::promise<void> given;
+    std::atomic<bool> givenOnce{false};
+    EventMgrFront mgr(
+        [mutex, self, &given, &givenOnce] {
+            auto const answer = mutex->isLocked() ? mutex : nullptr;
+            if (answer && std::this_thread::get_id() != self && !givenOnce.exchange(true))
+                given.set_value();
+            return answer;
+        },
+        freshId());
     std::atomic<int> delivered{0};
     std::atomic<bool> heldDuring{false};
     auto c = mgr.subscribe<NumberEvent>([&](NumberEvent const&) {
+        // Slow deliveries give a flush that does not wait for them the time to return early;
+        // nothing can signal such a flush, and a real barrier passes whatever their pace.
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
         if (mutex->isLockedByCaller())
             heldDuring = true;
@@ -230,7 +245,7 @@ TEST(EventMgr, FlushIsABarrierAndSubscribersRunUnderTheGettersMutex) {
     mutex->lock();
     for (int i = 0; i < 20; ++i)
         mgr.notify<NumberEvent>(DeliverQueued, i);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(given.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_EQ(delivered.load(), 0);
     mgr.flush();
     EXPECT_EQ(delivered.load(), 20);
