@@ -86,21 +86,16 @@ TEST(PromiseDelegate, DestructionReleasesWaitersThroughBothDoors) {
     auto f = d->getFuture();
     std::atomic<int> callbacks{0};
     d->setWaitCallback([&] { ++callbacks; });
-    std::atomic<bool> waiterDone{false};
-    std::thread waiter([&] {
-        d->waitTillReady();
-        waiterDone = true;
-    });
-    // This sleep stays: only a waiter already blocked in waitTillReady may see the delegate
-    // destroyed (one about to enter would use a dead object), and nothing outside the delegate
-    // tells that the waiter has blocked.
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    EXPECT_FALSE(waiterDone.load());
+    // The handle waitTillReady waits on, taken while the delegate lives: a waiter must not touch
+    // the delegate itself once it may be gone.
+    std::shared_future<void> const ready = d->readyHandle();
+    ASSERT_TRUE(ready.valid());
+    auto waiter = std::async(std::launch::async, [&] { ready.wait(); });
+    EXPECT_EQ(waiter.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     d.reset();
-    waiter.join();
-    EXPECT_TRUE(waiterDone.load());
+    ASSERT_EQ(waiter.wait_for(std::chrono::seconds(20)), std::future_status::ready);
     EXPECT_THROW(f.get(), boost::broken_promise);
-    // waitTillReady does not go through the Boost future, so its wait callback never ran.
+    // The handle does not go through the Boost future, so its wait callback never ran.
     EXPECT_EQ(callbacks.load(), 0);
 }
 
