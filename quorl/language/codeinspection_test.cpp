@@ -64,10 +64,10 @@ TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
     EXPECT_TRUE(std::binary_search(keywords.begin(), keywords.end(), "while"));
 
     TempDir a, b;
-    a.write("alpha.qrl", "function y = alpha(x)\n% ALPHA doubles x.\n%   y = alpha(x)\ny = 2*x;\n");
+    a.write("alpha.qrl", "function y = alpha(x)\n% Doubles x.\n%   y = alpha(x)\ny = 2*x;\n");
     a.write("notes.txt", "not code");
     b.write("alpha.qrl", "function y = alpha(x)\ny = 3*x;\n");
-    b.write("beta.qrl", "% BETA is a script.\n\n% left out of the help\nz = 1;\n");
+    b.write("beta.qrl", "% Sets z.\n\n% after a blank line: no longer help\nz = 1;\n");
     b.write("gamma.qrl", "x = 1; % a comment after a statement is no help\n");
     EXPECT_EQ(CodeInspection::functionFiles({a.str(), b.str(), a.str() + "/missing"}),
               (std::vector<std::string>{"alpha", "beta", "gamma"}));
@@ -76,8 +76,8 @@ TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
     EXPECT_EQ(CodeInspection::findFunctionFile("../alpha", {b.str()}), "");
     EXPECT_EQ(CodeInspection::findFunctionFile("delta", {a.str(), b.str()}), "");
 
-    EXPECT_EQ(CodeInspection::helpText(alpha), "ALPHA doubles x.\n  y = alpha(x)\n");
-    EXPECT_EQ(CodeInspection::helpText(b.str() + "/beta.qrl"), "BETA is a script.\n");
+    EXPECT_EQ(CodeInspection::helpText(alpha), "Doubles x.\n  y = alpha(x)\n");
+    EXPECT_EQ(CodeInspection::helpText(b.str() + "/beta.qrl"), "Sets z.\n");
     EXPECT_EQ(CodeInspection::helpText(b.str() + "/alpha.qrl"), "");
     EXPECT_EQ(CodeInspection::helpText(b.str() + "/gamma.qrl"), "");
     EXPECT_EQ(CodeInspection::helpText(b.str() + "/missing.qrl"), "");
