@@ -1,5 +1,6 @@
 #pragma once
-// Two exchanges over ZeroMQ for a test: `server` binds an ipc endpoint in a folder of its own
+// Exchanges for a test: loopbackExchange() makes one that reaches the others of this process;
+// ZmqExchanges makes two over ZeroMQ: `server` binds an ipc endpoint in a folder of its own
 // (mode 0700, as the transport wants), `client` only connects out. Both are stopped, and the
 // folder removed, when the pair goes.
 #include <tests/support/tempdir.hpp>
@@ -10,6 +11,14 @@
 #include <string>
 
 namespace quorl_testing {
+
+inline boost::shared_ptr<foundation::msg_svc::exchange::ExchangeApi>
+loopbackExchange(std::string const& name) {
+    foundation::msg_svc::exchange::ExchangeConfig config;
+    config.name = name;
+    config.transport = foundation::msg_svc::exchange::makeLoopbackTransport();
+    return foundation::msg_svc::exchange::ExchangeApi::create(config);
+}
 
 class ZmqExchanges {
 public:

@@ -266,10 +266,7 @@ TEST(EventMgr, FlushIsABarrierAndSubscribersRunUnderTheGettersMutex) {
 
 TEST(EventMgr, RemoteManagersCarryEventsSerializedAndFlushRemotely) {
     using namespace foundation::msg_svc::exchange;
-    ExchangeConfig cfg;
-    cfg.name = "test-event-peer";
-    cfg.transport = makeLoopbackTransport();
-    auto peer = ExchangeApi::create(cfg);
+    auto peer = quorl_testing::loopbackExchange("test-event-peer");
     // The process's own exchange needs a transport to reach the peer: this test only runs
     // the own-exchange shortcut and the message path through the peer.
     EmID const id = freshId();
@@ -350,13 +347,8 @@ TEST(EventMgr, EventsFromAnotherProcessKeepOrderAndMayWaitForEventsOfAnotherIden
 TEST(EventMgr, RemoteManagersPublishOnlyWhatTheOtherProcessListensTo) {
     // Both exchanges live in this process, so the process that tells its interest is this one.
     using namespace foundation::msg_svc::exchange;
-    ExchangeConfig aConfig, bConfig;
-    aConfig.name = "interest-a";
-    aConfig.transport = makeLoopbackTransport();
-    bConfig.name = "interest-b";
-    bConfig.transport = makeLoopbackTransport();
-    auto a = ExchangeApi::create(aConfig);
-    auto b = ExchangeApi::create(bConfig);
+    auto a = quorl_testing::loopbackExchange("interest-a");
+    auto b = quorl_testing::loopbackExchange("interest-b");
     EventMgrFront local(nullptr, freshId());
     // The manager of B's side whose events go to A's process.
     EventMgrFront toA("interest-a", nullptr, freshId(), freshId());

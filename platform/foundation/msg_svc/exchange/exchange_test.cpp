@@ -656,16 +656,11 @@ TEST(Exchange, LargeMessagesArriveWholeOverEitherTransport) {
     auto const message = boost::make_shared<BlocksMessage>(sizes);
     ASSERT_GT(message->bytes(), std::size_t(5) << 20);
 
-    ExchangeConfig loopA, loopB;
-    loopA.name = "large-loop-a";
-    loopA.transport = makeLoopbackTransport();
-    loopB.name = "large-loop-b";
-    loopB.transport = makeLoopbackTransport();
-    auto a = ExchangeApi::create(loopA);
-    auto b = ExchangeApi::create(loopB);
+    auto a = quorl_testing::loopbackExchange("large-loop-a");
+    auto b = quorl_testing::loopbackExchange("large-loop-b");
     quorl_testing::ZmqExchanges zmq("large-zmq-client");
 
-    std::pair<ExchangeApi*, std::string> const routes[] = {{a.get(), loopB.name},
+    std::pair<ExchangeApi*, std::string> const routes[] = {{a.get(), "large-loop-b"},
                                                            {zmq.client.get(), zmq.serverName}};
     for (auto const& route : routes) {
         for (std::string const& queue :
