@@ -16,6 +16,7 @@
 #include <foundation/core/log/tracescope.hpp>
 #include <foundation/core/memory/poolallocator.hpp>
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
+#include <foundation/msg_svc/exchange/replyspin.hpp>
 #include <foundation/msg_svc/threadutil/concurrenttbbhashmap.hpp>
 #include <foundation/msg_svc/threadutil/releasecountedmutexguard.hpp>
 #include <foundation/usm/detail.hpp>
@@ -25,7 +26,6 @@
 #include <atomic>
 #include <chrono>
 #include <mutex>
-#include <thread>
 
 namespace cmddistributor {
 
@@ -82,11 +82,8 @@ public:
             return;
         }
         // Not while holding the fenn mutex, which the result's delivery may need.
-        if (spin_.count() > 0 && !spun_.exchange(true)) {
-            auto const until = std::chrono::steady_clock::now() + spin_;
-            while (!isDone() && std::chrono::steady_clock::now() < until)
-                std::this_thread::yield();
-        }
+        if (spin_.count() > 0 && !spun_.exchange(true))
+            foundation::msg_svc::exchange::ReplySpin::spinUntil([this] { return isDone(); }, spin_);
     }
 
     bool isDone() const {

@@ -24,6 +24,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <thread>
 
 namespace foundation {
 namespace msg_svc {
@@ -43,6 +44,19 @@ public:
 
     void ready() const { state_->ready.store(true, std::memory_order_release); }
 
+    // Polls `done` until it holds or `bound` has passed, yielding the processor in between; true
+    // if it holds. The poll of every waiter of this kind (a future's, a transport's reader).
+    template <class Done> static bool spinUntil(Done&& done, std::chrono::microseconds bound) {
+        auto const until = std::chrono::steady_clock::now() + bound;
+        for (;;) {
+            if (done())
+                return true;
+            if (std::chrono::steady_clock::now() >= until)
+                return false;
+            std::this_thread::yield();
+        }
+    }
+
 private:
     struct State {
         std::atomic<bool> ready{false};
@@ -56,12 +70,12 @@ private:
         std::shared_ptr<State> state;
         std::chrono::microseconds bound;
         template <class Promise> void operator()(Promise&) const {
-            if (!state->spun.exchange(true, std::memory_order_relaxed))
-                spin(state->ready, bound);
+            if (!state->spun.exchange(true, std::memory_order_relaxed)) {
+                std::atomic<bool> const& ready = state->ready;
+                spinUntil([&ready] { return ready.load(std::memory_order_acquire); }, bound);
+            }
         }
     };
-
-    static void spin(std::atomic<bool> const& ready, std::chrono::microseconds bound);
 
     std::shared_ptr<State> state_;
     std::chrono::microseconds bound_;

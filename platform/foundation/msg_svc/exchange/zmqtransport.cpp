@@ -2,6 +2,7 @@
 
 #include <foundation/msg_svc/exchange/exchangeapi.hpp>
 #include <foundation/msg_svc/exchange/lanes.hpp>
+#include <foundation/msg_svc/exchange/replyspin.hpp>
 
 #include <foundation/core/log/diagnosticlogger.hpp>
 
@@ -908,13 +909,11 @@ private:
     bool pollBriefly(std::vector<zmq::pollitem_t>& items) {
         if (options_.pollAfterInput.count() <= 0)
             return false;
-        auto const until = std::chrono::steady_clock::now() + options_.pollAfterInput;
-        do {
-            if (zmq::poll(items.data(), items.size(), std::chrono::milliseconds(0)) > 0)
-                return true;
-            std::this_thread::yield();
-        } while (std::chrono::steady_clock::now() < until);
-        return false;
+        return ReplySpin::spinUntil(
+            [&items] {
+                return zmq::poll(items.data(), items.size(), std::chrono::milliseconds(0)) > 0;
+            },
+            options_.pollAfterInput);
     }
 
     // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.
