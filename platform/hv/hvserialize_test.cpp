@@ -243,10 +243,6 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
     EXPECT_THROW(hvDeserialize(nullptr, 3), std::invalid_argument);
 }
 
-} // namespace
-
-namespace {
-
 // The bytes of hvSerializeTo, gathered, with the size it announced first.
 std::vector<std::uint8_t> streamedBytesOf(const hvArray* a) {
     std::vector<std::uint8_t> out;
