@@ -274,10 +274,6 @@ TEST(HvArray, UtPrintfGoesToTheInstalledSink) {
     EXPECT_NE(captured.find("'hi'"), std::string::npos);
 }
 
-} // namespace
-
-namespace {
-
 TEST(HvArray, FunctionHandlePayloadIsSharedComparedByPointerAndNotSaved) {
     auto payload = std::make_shared<int>(7);
     HvArrayPtr f(hvCreateFunctionHandleWithPayload("@(x) x", payload));

@@ -18,6 +18,7 @@
 #include <future>
 #include <map>
 #include <mutex>
+#include <tuple>
 
 namespace {
 
@@ -64,6 +65,23 @@ std::string run(Interpreter& in, std::string const& code) {
     io.out = &out;
     in.evaluate(code, io);
     return out.text();
+}
+
+// The identifier of the language error that `f` throws.
+template <class F> std::string errorOf(F f) {
+    try {
+        f();
+    } catch (LanguageError const& e) {
+        return e.identifier();
+    }
+    return "(no error)";
+}
+
+std::vector<double> scalars(std::vector<HvArrayPtr> const& arrays) {
+    std::vector<double> values;
+    for (auto const& a : arrays)
+        values.push_back(hvGetScalar(a.get()));
+    return values;
 }
 
 TEST(InterpreterInterrupt, StopsBusyLoopAndPauseFromAnotherThread) {
@@ -114,22 +132,18 @@ TEST(InterpreterStack, ThreeDeepCallReportsThreeFramesWithFileNameAndLine) {
         "inner3.qrl", "function r = inner3(x)\n  y = 2;\n  r = y + undefinedThing(x);\nend\n");
     Interpreter in;
     in.setSearchPath({dir.str()});
+    using Frame = std::tuple<std::string, std::string, int>;
+    std::vector<Frame> frames;
     try {
         run(in, "a = 1;\nb = outer1(a);");
         FAIL() << "no error";
     } catch (LanguageError const& e) {
         EXPECT_EQ(e.identifier(), errid::undefined);
-        ASSERT_EQ(e.stack().size(), 3u);
-        EXPECT_EQ(e.stack()[0].file, f3);
-        EXPECT_EQ(e.stack()[0].function, "inner3");
-        EXPECT_EQ(e.stack()[0].line, 3);
-        EXPECT_EQ(e.stack()[1].file, f2);
-        EXPECT_EQ(e.stack()[1].function, "middle2");
-        EXPECT_EQ(e.stack()[1].line, 3);
-        EXPECT_EQ(e.stack()[2].file, f1);
-        EXPECT_EQ(e.stack()[2].function, "outer1");
-        EXPECT_EQ(e.stack()[2].line, 2);
+        for (auto const& frame : e.stack())
+            frames.emplace_back(frame.file, frame.function, frame.line);
     }
+    EXPECT_EQ(frames,
+              (std::vector<Frame>{{f3, "inner3", 3}, {f2, "middle2", 3}, {f1, "outer1", 2}}));
 }
 
 TEST(InterpreterFunctions, FilesAreCachedAndReadAgainWhenChanged) {
@@ -156,32 +170,19 @@ TEST(InterpreterFunctions, RunTimeDefinitionsAndCallsWithOutputCounts) {
     HvArrayPtr a(hvCreateDoubleScalar(3));
     HvArrayPtr b(hvCreateDoubleScalar(4));
     EvalIo io;
-    std::vector<HvArrayPtr> r = in.callFunction("sumprod", 3, {a.get(), b.get()}, io);
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_EQ(hvGetScalar(r[0].get()), 7);
-    EXPECT_EQ(hvGetScalar(r[1].get()), 12);
-    EXPECT_EQ(hvGetScalar(r[2].get()), 3);
-    r = in.callFunction("sumprod", 1, {a.get(), b.get()}, io);
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(hvGetScalar(r[0].get()), 7);
-    try {
-        in.callFunction("sumprod", 4, {a.get(), b.get()}, io);
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), errid::tooManyOutputs);
-    }
-    try {
-        in.callFunction("nosuchfunction", 1, {}, io);
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), errid::undefined);
-    }
+    EXPECT_EQ(scalars(in.callFunction("sumprod", 3, {a.get(), b.get()}, io)),
+              (std::vector<double>{7, 12, 3}));
+    EXPECT_EQ(scalars(in.callFunction("sumprod", 1, {a.get(), b.get()}, io)),
+              (std::vector<double>{7}));
+    EXPECT_EQ(errorOf([&] {
+                  in.callFunction("sumprod", 4, {a.get(), b.get()}, io);
+              }),
+              errid::tooManyOutputs);
+    EXPECT_EQ(errorOf([&] { in.callFunction("nosuchfunction", 1, {}, io); }), errid::undefined);
     // Built-ins are reachable by name too, and a definition inside evaluated code stays.
-    r = in.callFunction("max", 1, {a.get(), b.get()}, io);
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(hvGetScalar(r[0].get()), 4);
+    EXPECT_EQ(scalars(in.callFunction("max", 1, {a.get(), b.get()}, io)), (std::vector<double>{4}));
     run(in, "x = 1;\nfunction y = twice(v)\n  y = 2 * v;\nend\n");
-    EXPECT_EQ(hvGetScalar(in.callFunction("twice", 1, {b.get()}, io)[0].get()), 8);
+    EXPECT_EQ(scalars(in.callFunction("twice", 1, {b.get()}, io)), (std::vector<double>{8}));
 }
 
 // A client workspace as a client would keep it: external arrays by name.
@@ -258,12 +259,7 @@ TEST(InterpreterWorkspace, ClientWorkspaceIsReadAndWrittenAsExternalArrays) {
     EXPECT_EQ(client.vars.at("w").getField(0, "k").get<double>(0), 20.0);
     EXPECT_EQ(client.vars.at("w").getField(0, "list"), list);
     // What has no external form fails the evaluation with a clear error.
-    try {
-        in.evaluate("h = @(x) x + 1;", ws, io);
-        FAIL() << "no error";
-    } catch (LanguageError const& e) {
-        EXPECT_EQ(e.identifier(), errid::wrongType);
-    }
+    EXPECT_EQ(errorOf([&] { in.evaluate("h = @(x) x + 1;", ws, io); }), errid::wrongType);
 }
 
 TEST(InterpreterWorkspace, VariablesWrittenBeforeAnErrorAreKept) {

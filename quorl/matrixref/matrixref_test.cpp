@@ -34,10 +34,26 @@ HvArrayPtr roundTrip(hvArray_tag const* array) {
         hvDeserialize(hvGetReadOnlyData(bytes.get()), hvGetNumberOfElements(bytes.get())));
 }
 
+// The saved form of a reference, and a reference loaded from a form, by the class's operations.
+HvArrayPtr save(hvArray_tag const* ref) {
+    return HvArrayPtr(hvGetOpaqueClassOps(hvGetOpaqueClass(ref))->save(ref));
+}
+HvArrayPtr load(hvArray_tag const* like, hvArray_tag const* form) {
+    hvOpaqueClass const* cls = hvGetOpaqueClass(like);
+    return HvArrayPtr(hvGetOpaqueClassOps(cls)->load(cls, form));
+}
+
 RefTag tagOf(hvArray_tag const* ref) {
-    HvArrayPtr form(hvGetOpaqueClassOps(hvGetOpaqueClass(ref))->save(ref));
-    auto read = RefPersistForm::fromArray(form.get());
+    auto read = RefPersistForm::fromArray(save(ref).get());
     return read ? read->tag : UndefinedRefTag;
+}
+
+// What hvDisplay prints for a local or remote reference with `tag`, up to `rest`.
+std::string shown(char const* kind, RefTag tag, char const* rest) {
+    char head[96];
+    std::snprintf(head, sizeof head, "Internal_Matrix_Reference____ : %s tag 0x%08lx\n    --> ",
+                  kind, static_cast<unsigned long>(tag));
+    return head + std::string(rest);
 }
 
 std::uint64_t countOf(RefTag tag) {
@@ -170,8 +186,7 @@ TEST_F(MatrixRef, EveryFreedHandleReleasesExactlyOneCount) {
     EXPECT_EQ(countOf(tag), 3u);
     EXPECT_FALSE(hvAreMatricesEqual(forOther.get(), stillForC.get()) &&
                  tagOf(forOther.get()) != tag);
-    HvArrayPtr form(hvGetOpaqueClassOps(hvGetOpaqueClass(forOther.get()))->save(forOther.get()));
-    EXPECT_EQ(RefPersistForm::fromArray(form.get())->clientTarn, Other);
+    EXPECT_EQ(RefPersistForm::fromArray(save(forOther.get()).get())->clientTarn, Other);
     stillForC.reset();
     EXPECT_EQ(countOf(tag), 2u);
     forOther.reset();
@@ -276,14 +291,12 @@ TEST_F(MatrixRef, ElementReferencesStandForOneElementAndKeepTheWholeAlive) {
     EXPECT_EQ(refGetDimensions(fifth), (std::vector<std::size_t>{1, 1}));
     EXPECT_EQ(hvGetScalar(refGetRef(fifth, false).get()), 14.0);
     // Subscripts are zero-based, column-major; missing ones count as 0, surplus are ignored.
-    EXPECT_EQ(hvGetScalar(refGetRef(refElementIndexRef(ref, 1, 2), false).get()), 15.0);
-    EXPECT_EQ(
-        hvGetScalar(refGetRef(refElementIndexRef(ref, std::vector<std::size_t>{1}), false).get()),
-        11.0);
-    EXPECT_EQ(
-        hvGetScalar(
-            refGetRef(refElementIndexRef(ref, std::vector<std::size_t>{0, 1, 7}), false).get()),
-        12.0);
+    auto at = [&](auto... subscripts) {
+        return hvGetScalar(refGetRef(refElementIndexRef(ref, subscripts...), false).get());
+    };
+    EXPECT_EQ(at(1, 2), 15.0);
+    EXPECT_EQ(at(std::vector<std::size_t>{1}), 11.0);
+    EXPECT_EQ(at(std::vector<std::size_t>{0, 1, 7}), 12.0);
     EXPECT_FALSE(refElementIndexRef(ref, 6)) << "an index equal to the element count";
     EXPECT_FALSE(refElementIndexRef(HvArrayPtr(hvCreateDoubleScalar(1)), 0));
     EXPECT_EQ(countOf(tag), 2u) << "failed and finished element references hold nothing";
@@ -293,13 +306,9 @@ TEST_F(MatrixRef, ElementReferencesStandForOneElementAndKeepTheWholeAlive) {
     EXPECT_FALSE(refElementIndexRef(fifth, 1));
     same.reset();
 
-    std::string shown = printed([&] { hvDisplay(fifth.get(), nullptr); });
-    char expected[128];
-    std::snprintf(expected, sizeof expected,
-                  "Internal_Matrix_Reference____ : local tag 0x%08lx\n    --> double [2, 3]\n"
-                  "    element 4\n",
-                  static_cast<unsigned long>(tag));
-    EXPECT_EQ(shown.substr(0, std::strlen(expected)), expected);
+    std::string const expected = shown("local", tag, "double [2, 3]\n    element 4\n");
+    EXPECT_EQ(printed([&] { hvDisplay(fifth.get(), nullptr); }).substr(0, expected.size()),
+              expected);
 
     // The whole lives while an element reference does.
     ref.reset();
@@ -337,7 +346,7 @@ TEST_F(MatrixRef, SavedReferencesCrossAndComeHomeWithBalancedCounts) {
     RefTag tag = tagOf(ref.get());
 
     // Saved where the array is: the tag, held here, class and dimensions.
-    HvArrayPtr saved(hvGetOpaqueClassOps(hvGetOpaqueClass(ref.get()))->save(ref.get()));
+    HvArrayPtr saved = save(ref.get());
     auto form = RefPersistForm::fromArray(saved.get());
     ASSERT_TRUE(form);
     EXPECT_EQ(hvGetM(saved.get()), 8u);
@@ -374,24 +383,20 @@ TEST_F(MatrixRef, SavedReferencesCrossAndComeHomeWithBalancedCounts) {
     RefPersistForm wrong = *form;
     wrong.saverHoldsArray = false;
     wrong.className = "SomethingElse";
-    hvOpaqueClass const* cls = hvGetOpaqueClass(remote.get());
-    auto load = [&](RefPersistForm const& f) {
-        return HvArrayPtr(hvGetOpaqueClassOps(cls)->load(cls, f.toArray().get()));
-    };
-    EXPECT_TRUE(refIsEmptyRef(load(wrong)));
+    EXPECT_TRUE(refIsEmptyRef(load(remote.get(), wrong.toArray().get())));
     EXPECT_EQ(countOf(tag), 2u);
     wrong.tag = 987654321;
-    EXPECT_TRUE(refIsEmptyRef(load(wrong)));
+    EXPECT_TRUE(refIsEmptyRef(load(remote.get(), wrong.toArray().get())));
     // Anything that is not a form is an empty reference too.
     HvArrayPtr junk(hvCreateCellMatrix(8, 1));
     hvSetCell(junk.get(), 0, hvCreateString("not a tag"));
-    EXPECT_TRUE(refIsEmptyRef(HvArrayPtr(hvGetOpaqueClassOps(cls)->load(cls, junk.get()))));
-    EXPECT_TRUE(refIsEmptyRef(HvArrayPtr(hvGetOpaqueClassOps(cls)->load(cls, nullptr))));
+    EXPECT_TRUE(refIsEmptyRef(load(remote.get(), junk.get())));
+    EXPECT_TRUE(refIsEmptyRef(load(remote.get(), nullptr)));
 
     // An empty reference saves as eight empty cells and loads as an empty reference.
     HvArrayPtr none;
     auto empty = refCreateRef(C, S, none, false);
-    HvArrayPtr emptyForm(hvGetOpaqueClassOps(cls)->save(empty.get()));
+    HvArrayPtr emptyForm = save(empty.get());
     ASSERT_EQ(hvGetNumberOfElements(emptyForm.get()), 8u);
     for (std::size_t i = 0; i < 8; ++i)
         EXPECT_EQ(hvGetCell(emptyForm.get(), i), nullptr);
@@ -415,18 +420,11 @@ TEST_F(MatrixRef, DisplaysMetricsAndClears) {
     auto object = makeCounted(2);
     auto ref = refCreateRef(C, S, object, false);
     RefTag tag = tagOf(ref.get());
-    char expected[160];
-    std::snprintf(expected, sizeof expected,
-                  "x =\n\nInternal_Matrix_Reference____ : local tag 0x%08lx\n"
-                  "    --> CountedTestArray [1, 2]\n\n",
-                  static_cast<unsigned long>(tag));
-    EXPECT_EQ(printed([&] { hvDisplay(ref.get(), "x"); }), expected);
+    EXPECT_EQ(printed([&] { hvDisplay(ref.get(), "x"); }),
+              "x =\n\n" + shown("local", tag, "CountedTestArray [1, 2]\n\n"));
     auto remote = roundTrip(ref.get());
-    std::snprintf(expected, sizeof expected,
-                  "Internal_Matrix_Reference____ : remote tag 0x%08lx\n"
-                  "    --> CountedTestArray [1, 2]\n\n",
-                  static_cast<unsigned long>(tag));
-    EXPECT_EQ(printed([&] { hvDisplay(remote.get(), nullptr); }), expected);
+    EXPECT_EQ(printed([&] { hvDisplay(remote.get(), nullptr); }),
+              shown("remote", tag, "CountedTestArray [1, 2]\n\n"));
     HvArrayPtr none;
     auto empty = refCreateRef(C, S, none, false);
     EXPECT_EQ(printed([&] { hvDisplay(empty.get(), nullptr); }),
@@ -529,8 +527,7 @@ TEST_F(MatrixRef, WrapUnwrapAndPropertiesGoThroughReferences) {
     HvArrayPtr remoteForm =
         RefPersistForm{tagOf(ref.get()), true, false, 0, "RefTestObject", {1, 1}, Other, false}
             .toArray();
-    hvOpaqueClass const* cls = hvGetOpaqueClass(ref.get());
-    HvArrayPtr remote(hvGetOpaqueClassOps(cls)->load(cls, remoteForm.get()));
+    HvArrayPtr remote = load(ref.get(), remoteForm.get());
     ASSERT_TRUE(refIsRemoteRef(remote));
     EXPECT_EQ(refGetRefProperty(remote.get(), 0, "value"), nullptr);
     refSetRefProperty(remote.get(), 0, "value", nullptr);

@@ -24,6 +24,7 @@
 #include <csignal>
 #include <future>
 #include <mutex>
+#include <numeric>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -205,8 +206,7 @@ TEST(CrossProcess, MessagesRepliesActorsAndRequestsReachAServerOverIpc) {
         EXPECT_EQ(firstFailure, "");
     }
     std::vector<int> expected(300);
-    for (int i = 0; i < 300; ++i)
-        expected[i] = i;
+    std::iota(expected.begin(), expected.end(), 0);
     EXPECT_EQ(order, expected);
 
     // An actor in the server process, on its own queue.
@@ -263,8 +263,7 @@ TEST(CrossProcess, EventsTravelBothWaysAndFlushIsABarrier) {
     settle(asked);
     drainDeliveries(); // the events came before the reply and wait in the delivery queue
     std::vector<int> expected(25);
-    for (int i = 0; i < 25; ++i)
-        expected[i] = i;
+    std::iota(expected.begin(), expected.end(), 0);
     std::lock_guard<std::mutex> lock(m);
     EXPECT_EQ(pongs, expected);
 }

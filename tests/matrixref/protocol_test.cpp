@@ -41,6 +41,16 @@ RefTag tagOf(hvArray_tag const* ref) {
     return RefPersistForm::fromArray(form.get())->tag;
 }
 
+// What the client receives when the server sends `array` (taken) in a 1-by-1 cell of a reply.
+HvArrayPtr sentToClient(hvArray_tag* array, TarnID const& knownAs) {
+    HvArrayPtr reply(hvCreateCellMatrix(1, 1));
+    hvSetCell(reply.get(), 0, array);
+    std::string error;
+    auto converted = refCopyAndConvertArray(reply, knownAs, ServerTarn, error);
+    EXPECT_TRUE(converted) << error;
+    return deserialize(serialize(converted.get()));
+}
+
 // A server of its own whose release service records what arrives; a release of tag 0 (which
 // the table ignores) serves as a barrier: everything sent before it has been served.
 class CountingServer {
@@ -167,13 +177,8 @@ TEST(ReleaseProtocol, TwoArrivalsMeetOneReleaseAndClearsTidyUp) {
     auto held = refCreateRef(knownAs, ServerTarn, object, false);
     RefTag serverTag = tagOf(held.get());
     std::vector<HvArrayPtr> arrivals;
-    for (int i = 0; i < 2; ++i) {
-        HvArrayPtr reply(hvCreateCellMatrix(1, 1));
-        hvSetCell(reply.get(), 0, hvCreateSharedDataCopy(held.get()));
-        std::string error;
-        auto converted = refCopyAndConvertArray(reply, knownAs, ServerTarn, error);
-        arrivals.push_back(deserialize(serialize(converted.get())));
-    }
+    for (int i = 0; i < 2; ++i)
+        arrivals.push_back(sentToClient(hvCreateSharedDataCopy(held.get()), knownAs));
     held.reset();
     EXPECT_EQ(countOf(serverTag), 2u);
     HvArrayPtr first(hvCreateSharedDataCopy(hvGetCell(arrivals[0].get(), 0)));
@@ -195,13 +200,7 @@ TEST(ReleaseProtocol, TwoArrivalsMeetOneReleaseAndClearsTidyUp) {
     EXPECT_TRUE(server.servedSoFar().empty()) << "a clear sends nothing";
 
     // After refReleaseExchange, a dying remote reference sends nothing.
-    auto more = makeCounted();
-    HvArrayPtr reply(hvCreateCellMatrix(1, 1));
-    hvSetCell(reply.get(), 0, more.release());
-    std::string error;
-    auto converted = refCopyAndConvertArray(reply, knownAs, ServerTarn, error);
-    auto there = deserialize(serialize(converted.get()));
-    converted.reset();
+    auto there = sentToClient(makeCounted().release(), knownAs);
     detail::refReleaseExchange(knownAs);
     there.reset();
     EXPECT_TRUE(server.servedSoFar().empty());
@@ -214,13 +213,7 @@ TEST(ReleaseProtocol, AServerThatDiesLeavesCleanFailures) {
     TarnID const knownAs{9};
     CountingServer dying("mref-dying-server", knownAs);
     // A reference to an array of the dying server, as its reply would bring it.
-    RefPersistForm form;
-    form.tag = 12345;
-    form.saverHoldsArray = true;
-    form.className = "Thing";
-    form.dimensions = {2, 2};
-    form.clientTarn = knownAs;
-    form.indexable = true;
+    RefPersistForm const form{12345, true, false, 0, "Thing", {2, 2}, knownAs, true};
     HvArrayPtr empty;
     auto probe = refCreateRef(knownAs, knownAs, empty, false);
     hvOpaqueClass const* cls = hvGetOpaqueClass(probe.get());

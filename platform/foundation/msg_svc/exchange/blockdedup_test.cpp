@@ -38,10 +38,8 @@ public:
 private:
     friend class boost::serialization::access;
     template <class A> void serialize(A& ar, unsigned) {
-        ar& boost::serialization::make_nvp("reply",
-                                           boost::serialization::base_object<Reply>(*this));
-        ar& boost::serialization::make_nvp("whole", whole);
-        ar& boost::serialization::make_nvp("blob", blob);
+        ar& BOOST_SERIALIZATION_BASE_OBJECT_NVP(Reply) & BOOST_SERIALIZATION_NVP(whole) &
+            BOOST_SERIALIZATION_NVP(blob);
     }
 };
 
@@ -66,12 +64,9 @@ public:
 private:
     friend class boost::serialization::access;
     template <class A> void serialize(A& ar, unsigned) {
-        ar& boost::serialization::make_nvp("message",
-                                           boost::serialization::base_object<Message>(*this));
-        ar& boost::serialization::make_nvp("seeds", seeds_);
-        ar& boost::serialization::make_nvp("size", size_);
-        ar& boost::serialization::make_nvp("echo", echoSeed_);
-        ar& boost::serialization::make_nvp("blocks", blocks_);
+        ar& BOOST_SERIALIZATION_BASE_OBJECT_NVP(Message) & BOOST_SERIALIZATION_NVP(seeds_) &
+            BOOST_SERIALIZATION_NVP(size_) & BOOST_SERIALIZATION_NVP(echoSeed_) &
+            BOOST_SERIALIZATION_NVP(blocks_);
     }
     std::vector<int> seeds_;
     std::size_t size_ = 0;
