@@ -70,6 +70,10 @@ public:
         count(sent, sentSizes, frame.size());
         inner_->sendOwned(to, std::move(frame));
     }
+    void sendSoon(std::string const& to, std::string&& frame) override {
+        count(sent, sentSizes, frame.size());
+        inner_->sendSoon(to, std::move(frame));
+    }
     void stop() override { inner_->stop(); }
 
     void record(bool on) {

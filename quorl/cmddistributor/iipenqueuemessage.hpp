@@ -43,6 +43,8 @@ public:
 
     boost::shared_ptr<foundation::msg_svc::exchange::Reply const>
     deliver(foundation::msg_svc::exchange::Routing const& routing) const override;
+    // The client waits on the packet's events, which follow; the answer only reports a failure.
+    bool answerMayWait() const override { return true; }
     std::ostream& toString(std::ostream& os, int indent) const override;
 
     boost::shared_ptr<IIP const> const& getIIP() const { return iip_; }

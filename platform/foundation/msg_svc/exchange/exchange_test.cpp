@@ -12,11 +12,13 @@
 #include <boost/serialization/string.hpp>
 #include <boost/serialization/vector.hpp>
 #include <gtest/gtest.h>
+#include <zmq.hpp>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <map>
 #include <memory>
@@ -688,4 +690,86 @@ TEST(Exchange, OverZeroMQAReaderThatPollsAfterInputStillAnswersAndStops) {
     auto const stopping = std::chrono::steady_clock::now();
     zmq.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - stopping, std::chrono::seconds(10));
+}
+
+namespace {
+// The frames a transport hands its exchange, in order, as text.
+class FrameLog : public TransportSink {
+public:
+    std::function<void(std::string const& from, std::string const& frame)> onFrame;
+
+    void receiveFrame(std::string const& from, char const* frame, std::size_t size) override {
+        std::string text(frame, size);
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            frames_.push_back(text);
+        }
+        changed_.notify_all();
+        if (onFrame)
+            onFrame(from, text);
+    }
+    void peerFailed(std::string const&, boost::exception_ptr const&) override {}
+
+    // The frames once there are `n` of them; fewer if they do not come within ten seconds.
+    std::vector<std::string> awaitCount(std::size_t n) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait_for(lock, seconds(10), [&] { return frames_.size() >= n; });
+        return frames_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> frames_;
+};
+} // namespace
+
+TEST(ZmqTransport, AnAnswerThatMayWaitGoesAheadOfTheNextFrameOrAloneAndPeersMayBatchFrames) {
+    quorl_testing::TempDir dir;
+    boost::filesystem::permissions(dir.path(), boost::filesystem::owner_all);
+    std::string const serverName = "ipc://" + dir.str() + "/server";
+    ZmqTransportOptions options;
+    options.pollAfterInput = std::chrono::hours(1); // a held answer must not wait for its end
+    auto server = makeZmqTransport(options);
+    auto client = makeZmqTransport(options);
+    FrameLog atServer, atClient;
+    std::promise<std::string> answered;
+    atServer.onFrame = [&](std::string const& from, std::string const& frame) {
+        if (frame.front() != 'q')
+            return;
+        server->sendSoon(from, "a" + frame.substr(1)); // on the reading thread: held
+        if (frame == "q1")
+            answered.set_value(from);
+    };
+    server->start(serverName, atServer);
+    client->start("zmq-batch-client", atClient);
+
+    // The answer goes before the frame sent after it from another thread...
+    client->sendOwned(serverName, "q1");
+    std::string const peer = answered.get_future().get();
+    server->sendOwned(peer, "e1");
+    EXPECT_EQ(atClient.awaitCount(2), (std::vector<std::string>{"a1", "e1"}));
+    // ...and goes alone when nothing follows it.
+    client->sendOwned(serverName, "q2");
+    EXPECT_EQ(atClient.awaitCount(3), (std::vector<std::string>{"a1", "e1", "a2"}));
+
+    // A peer's message of several parts is that many frames, in order; one of more parts than
+    // any batch has is dropped whole, and the peer is still heard.
+    zmq::context_t context;
+    zmq::socket_t raw(context, ZMQ_DEALER);
+    raw.set(zmq::sockopt::linger, 0);
+    raw.set(zmq::sockopt::routing_id, "raw-peer");
+    raw.connect(serverName);
+    auto const sendParts = [&](int n, char tag) {
+        for (int i = 0; i < n; ++i)
+            raw.send(zmq::buffer(std::string(1, tag) + std::to_string(i)),
+                     i + 1 < n ? zmq::send_flags::sndmore : zmq::send_flags::none);
+    };
+    sendParts(3, 'x');
+    sendParts(1000, 'y');
+    sendParts(1, 'z');
+    EXPECT_EQ(atServer.awaitCount(6),
+              (std::vector<std::string>{"q1", "q2", "x0", "x1", "x2", "z0"}));
+    client->stop();
+    server->stop();
 }

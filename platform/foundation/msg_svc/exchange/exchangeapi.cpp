@@ -486,11 +486,15 @@ private:
         }
     }
 
-    // Sends an encoded frame; with large blocks, through the peer's block memory.
+    // Sends an encoded frame; with large blocks, through the peer's block memory. `soon`: the
+    // frame may wait for the next one to `to` (Transport::sendSoon).
     void sendFrame(std::string const& to, std::string&& bytes,
-                   std::vector<BlockDedup::Block> const& hashed) {
+                   std::vector<BlockDedup::Block> const& hashed, bool soon = false) {
         if (hashed.empty()) {
-            transport_->sendOwned(to, std::move(bytes));
+            if (soon)
+                transport_->sendSoon(to, std::move(bytes));
+            else
+                transport_->sendOwned(to, std::move(bytes));
             return;
         }
         blocks_.send(to, std::move(bytes), hashed,
@@ -498,10 +502,10 @@ private:
     }
 
     void sendBack(std::string const& to, std::string&& bytes,
-                  std::vector<BlockDedup::Block> const& hashed = {}) {
+                  std::vector<BlockDedup::Block> const& hashed = {}, bool soon = false) {
         try {
             if (transport_)
-                sendFrame(to, std::move(bytes), hashed);
+                sendFrame(to, std::move(bytes), hashed, soon);
         } catch (std::exception const& e) {
             ZN_LOG(logger(), log::error)
                 << name_ << ": could not answer exchange '" << to << "': " << e.what();
@@ -525,8 +529,9 @@ private:
         Completion done;
         if (frame.kind == wire::FrameKind::Message) {
             std::uint64_t const corr = frame.correlation;
-            done = [this, from, corr](boost::shared_ptr<Reply const> const& reply,
-                                      boost::exception_ptr const& error) {
+            bool const soon = message->answerMayWait();
+            done = [this, from, corr, soon](boost::shared_ptr<Reply const> const& reply,
+                                            boost::exception_ptr const& error) {
                 std::string failure;
                 if (error) {
                     failure = describe(error);
@@ -537,7 +542,7 @@ private:
                             wire::encodeReplyFrame(corr, reply ? *reply : *Reply::defaultReply(),
                                                    blocks_.enabled() ? &spans : nullptr);
                         auto const hashed = BlockDedup::hashBlocks(bytes, spans);
-                        sendBack(from, std::move(bytes), hashed);
+                        sendBack(from, std::move(bytes), hashed, soon);
                         return;
                     } catch (std::exception const& e) {
                         failure = std::string("reply could not be encoded: ") + e.what();

@@ -28,6 +28,10 @@ public:
     virtual ~Message();
 
     virtual boost::shared_ptr<Reply const> deliver(Routing const& routing) const;
+    // True if the sender waits on something that follows rather than on the answer itself:
+    // across processes the answer may then travel with the next frame back to the sender (it
+    // waits at most one brief poll of the transport). False: the answer goes at once.
+    virtual bool answerMayWait() const { return false; }
     // Writes the message's text form for logs: the class name on a line of its own.
     virtual std::ostream& toString(std::ostream& os, int indent) const;
 

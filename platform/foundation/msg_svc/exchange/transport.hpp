@@ -54,6 +54,11 @@ public:
     virtual void send(std::string const& to, std::string const& frame) = 0;
     // As send, for a frame the caller gives up (a transport may then carry it without a copy).
     virtual void sendOwned(std::string const& to, std::string&& frame) { send(to, frame); }
+    // As sendOwned, for a frame that may wait a little to go out with the next frame to `to`
+    // (one send, one wake-up at each end, instead of two). Frames to one peer keep their order.
+    virtual void sendSoon(std::string const& to, std::string&& frame) {
+        sendOwned(to, std::move(frame));
+    }
     // Stops delivering to the sink; returns when no call into the sink is running.
     virtual void stop() = 0;
 };

@@ -316,26 +316,28 @@ public:
     // so that a frame does not wait for the I/O thread to wake up. Only what the I/O thread must
     // act on (a new connection to poll, a failure to report, input the send has seen) wakes it.
     void sendOwned(std::string const& to, std::string&& frame) override {
-        if (static_cast<std::int64_t>(frame.size()) > options_.maxFrameSize)
-            boost::throw_exception(FrameRefused(
-                "a frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of " +
-                std::to_string(options_.maxFrameSize) + " bytes for exchange '" + to + "'"));
-        if (frame.empty())
-            boost::throw_exception(FrameRefused("an empty frame cannot be sent"));
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            if (!started_ || stopping_)
-                boost::throw_exception(
-                    DeliveryError("the transport of exchange '" + name_ + "' is stopped"));
-            std::size_t const peersBefore = peers_.size();
-            Peer* used = dispatch(to, std::move(frame));
-            // Any operation on a socket may consume the signal of input that arrived meanwhile:
-            // the I/O thread would not see it on the socket's descriptor.
-            if (!failed_.empty() || peers_.size() != peersBefore ||
-                (used && (used->failure || hasInput(used->dealer))) ||
-                (!used && router_ && hasInput(router_)))
-                wake(); // under the lock: closeAll may not close the descriptor meanwhile
+        checkFrame(to, frame);
+        std::lock_guard<std::mutex> lock(mutex_);
+        checkRunning();
+        if (sendWithHeld(to, std::move(frame)))
+            wake(); // under the lock: closeAll may not close the descriptor meanwhile
+    }
+
+    // A frame given by a delivery the reading thread runs waits until that thread has polled
+    // briefly for more input (or has none to poll for), unless a frame to the same peer goes
+    // first: an answer then leaves with what its delivery started (an enqueued packet's events,
+    // say) in one send. Any other thread sends at once.
+    void sendSoon(std::string const& to, std::string&& frame) override {
+        checkFrame(to, frame);
+        std::lock_guard<std::mutex> lock(mutex_);
+        checkRunning();
+        if (leader_ == std::this_thread::get_id() && options_.pollAfterInput.count() > 0) {
+            held_.emplace_back(to, std::move(frame));
+            holding_.store(true, std::memory_order_release);
+            return;
         }
+        if (sendWithHeld(to, std::move(frame)))
+            wake();
     }
 
     void stop() override {
@@ -344,6 +346,11 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_)
                 return;
+            try {
+                sendHeld();
+            } catch (std::exception const& e) {
+                ZN_LOG(logger(), log::warning) << name_ << ": frames lost at stop: " << e.what();
+            }
             stopping_ = true;
             if (threads_.empty()) {
                 closeAll();
@@ -379,6 +386,10 @@ public:
     }
 
 private:
+    // Frames sent as the parts of one message.
+    using Batch = std::vector<std::string>;
+    static constexpr std::size_t kMaxBatch = 64;
+
     struct Peer {
         std::string name;
         zmq::socket_t dealer;
@@ -388,6 +399,90 @@ private:
         Clock::time_point deadline;
         boost::exception_ptr failure; // set: to be dropped at the end of the loop's turn
     };
+
+    void checkFrame(std::string const& to, std::string const& frame) const {
+        if (static_cast<std::int64_t>(frame.size()) > options_.maxFrameSize)
+            boost::throw_exception(FrameRefused(
+                "a frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of " +
+                std::to_string(options_.maxFrameSize) + " bytes for exchange '" + to + "'"));
+        if (frame.empty())
+            boost::throw_exception(FrameRefused("an empty frame cannot be sent"));
+    }
+
+    // Under mutex_.
+    void checkRunning() const {
+        if (!started_ || stopping_)
+            boost::throw_exception(
+                DeliveryError("the transport of exchange '" + name_ + "' is stopped"));
+    }
+
+    // Hands frames for one peer to its socket (under mutex_); true if the reading thread must
+    // look at the sockets again: any operation on a socket may consume the signal of input that
+    // arrived meanwhile, which the reading thread would then not see on the socket's descriptor.
+    bool sendChecked(std::string const& to, Batch&& frames) {
+        std::size_t const peersBefore = peers_.size();
+        Peer* used = dispatch(to, std::move(frames));
+        return !failed_.empty() || peers_.size() != peersBefore ||
+               (used && (used->failure || hasInput(used->dealer))) ||
+               (!used && router_ && hasInput(router_));
+    }
+
+    // Sends `frame` after the frames held for `to`, with them (under mutex_); true as
+    // sendChecked.
+    bool sendWithHeld(std::string const& to, std::string&& frame) {
+        bool lookAgain = false;
+        Batch frames = takeHeld(to);
+        while (frames.size() >= kMaxBatch) {
+            lookAgain |= sendChecked(to, std::move(frames));
+            frames = takeHeld(to);
+        }
+        frames.push_back(std::move(frame));
+        return sendChecked(to, std::move(frames)) || lookAgain;
+    }
+
+    // Takes up to kMaxBatch of the frames held for `to`, oldest first (under mutex_).
+    Batch takeHeld(std::string const& to) {
+        Batch frames;
+        if (!holding_.load(std::memory_order_relaxed))
+            return frames;
+        std::string const peer = to; // `to` may be a held entry's own name
+        auto kept = held_.begin();
+        for (auto it = held_.begin(); it != held_.end(); ++it) {
+            if (it->first != peer || frames.size() >= kMaxBatch) {
+                if (kept != it)
+                    *kept = std::move(*it);
+                ++kept;
+                continue;
+            }
+            frames.push_back(std::move(it->second));
+        }
+        held_.erase(kept, held_.end());
+        holding_.store(!held_.empty(), std::memory_order_relaxed);
+        return frames;
+    }
+
+    // Sends every held frame (under mutex_); true as sendChecked.
+    bool sendHeld() {
+        bool lookAgain = false;
+        while (!held_.empty()) {
+            std::string const to = held_.front().first;
+            lookAgain |= sendChecked(to, takeHeld(to));
+        }
+        return lookAgain;
+    }
+
+    // sendHeld from the reading thread, which does not hold `lock`.
+    bool sendHeldUnlocked(std::unique_lock<std::mutex>& lock) {
+        lock.lock();
+        bool lookAgain = true;
+        try {
+            lookAgain = sendHeld();
+        } catch (std::exception const& e) {
+            ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
+        }
+        lock.unlock();
+        return lookAgain;
+    }
 
     void wake() {
         if (wake_ < 0)
@@ -533,19 +628,19 @@ private:
             peer.failure = boost::copy_exception(DeliveryError(why));
     }
 
-    // Sends a frame to `to` (the caller holds mutex_); returns the peer whose dealer it used, or
-    // null if it went through the ROUTER or nowhere.
-    Peer* dispatch(std::string const& to, std::string&& frame) {
+    // Sends frames to `to` (the caller holds mutex_), as the parts of one message: they arrive
+    // together, for one wake-up of each side's threads. Returns the peer whose dealer it used, or
+    // null if they went through the ROUTER or nowhere.
+    Peer* dispatch(std::string const& to, Batch&& frames) {
         auto it = peers_.find(to);
         if (it != peers_.end()) {
             // A failed peer's frames are dropped: its failure is reported by the I/O thread.
-            if (!it->second->failure &&
-                !it->second->dealer.send(toMessage(std::move(frame)), zmq::send_flags::dontwait))
+            if (!it->second->failure && !sendParts(it->second->dealer, frames))
                 failPeer(*it->second, "exchange '" + to + "' does not take frames");
             return it->second.get();
         }
         if (router_ && inbound_.count(to)) {
-            if (routeBack(to, toMessage(std::move(frame))))
+            if (routeBack(to, frames))
                 return nullptr;
             inbound_.erase(to);
             peersChanged_ = true;
@@ -559,7 +654,7 @@ private:
         }
         try {
             Peer& peer = connect(to);
-            if (!peer.dealer.send(toMessage(std::move(frame)), zmq::send_flags::dontwait))
+            if (!sendParts(peer.dealer, frames))
                 failPeer(peer, "exchange '" + to + "' does not take frames");
             return &peer;
         } catch (std::exception const& e) {
@@ -581,13 +676,32 @@ private:
         zmq::message_t body;
     };
 
-    // Sends through the ROUTER to a peer that connected to us; false if it is gone.
-    bool routeBack(std::string const& to, zmq::message_t&& msg) {
+    // Sends frames as the parts of one message, after `more` parts already sent; false if the
+    // socket did not take them.
+    static bool sendParts(zmq::socket_t& s, Batch& frames, bool more = false) {
+        for (std::size_t i = 0; i < frames.size(); ++i) {
+            auto const flags = i + 1 < frames.size()
+                                   ? zmq::send_flags::sndmore | zmq::send_flags::dontwait
+                                   : zmq::send_flags::dontwait;
+            if (!s.send(toMessage(std::move(frames[i])), flags)) {
+                if (more || i > 0) // the parts sent would join the next message's
+                    throw DeliveryError("a socket refused part of a message");
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Sends through the ROUTER to a peer that connected to us; false if it is gone. No frames:
+    // an empty message (a probe).
+    bool routeBack(std::string const& to, Batch& frames) {
         try {
             zmq::message_t id(to.data(), to.size());
             if (!router_.send(id, zmq::send_flags::sndmore | zmq::send_flags::dontwait))
                 return false;
-            return bool(router_.send(msg, zmq::send_flags::dontwait));
+            if (frames.empty())
+                return bool(router_.send(zmq::message_t(), zmq::send_flags::dontwait));
+            return sendParts(router_, frames, true);
         } catch (zmq::error_t const& e) {
             if (e.num() == EHOSTUNREACH)
                 return false;
@@ -595,32 +709,34 @@ private:
         }
     }
 
-    // Reads one multipart message: Nothing if none was waiting, Malformed if it did not have the
-    // expected number of parts (it is drained all the same).
+    // Reads one multipart message: Nothing if none was waiting, Malformed if it did not have
+    // `least` to `most` parts (it is drained all the same).
     enum class Read { Nothing, Malformed, Whole };
     // A receive that finds nothing has also taken in what the socket's descriptor signalled, so
     // the socket is read until then rather than asked first whether it holds input (each asking
     // costs system calls).
-    static Read readParts(zmq::socket_t& s, std::vector<zmq::message_t>& parts, std::size_t want) {
+    static Read readParts(zmq::socket_t& s, std::vector<zmq::message_t>& parts, std::size_t least,
+                          std::size_t most) {
         parts.clear();
         bool ok = true;
         do {
             zmq::message_t part;
             if (!s.recv(part, zmq::recv_flags::dontwait))
                 return parts.empty() ? Read::Nothing : Read::Malformed;
-            if (parts.size() < want)
+            if (parts.size() < most)
                 parts.push_back(std::move(part));
             else
-                ok = false; // more parts than a frame has: drained and dropped
+                ok = false; // more parts than a message has: drained and dropped
         } while (s.get(zmq::sockopt::rcvmore));
-        return ok && parts.size() == want ? Read::Whole : Read::Malformed;
+        return ok && parts.size() >= least ? Read::Whole : Read::Malformed;
     }
 
     // Reads up to a turn's worth of frames; true if more may be waiting.
     bool readRouter(std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64; ++i) {
-            Read const read = readParts(router_, parts, 2);
+            // The peer's name, then its frames.
+            Read const read = readParts(router_, parts, 2, 1 + kMaxBatch);
             if (read == Read::Nothing)
                 return false;
             if (read == Read::Malformed) {
@@ -630,9 +746,10 @@ private:
             std::string from(static_cast<char const*>(parts[0].data()), parts[0].size());
             if (inbound_.insert(from).second)
                 peersChanged_ = true;
-            if (parts[1].size() == 0)
-                continue; // a probe
-            received.push_back(Received{std::move(from), std::move(parts[1])});
+            for (std::size_t p = 1; p < parts.size(); ++p) {
+                if (parts[p].size() != 0) // else a probe
+                    received.push_back(Received{from, std::move(parts[p])});
+            }
         }
         return true; // a turn's worth read: look again at once
     }
@@ -640,7 +757,7 @@ private:
     bool readDealer(Peer& peer, std::vector<Received>& received) {
         std::vector<zmq::message_t> parts;
         for (int i = 0; i < 64 && !peer.failure; ++i) {
-            Read const read = readParts(peer.dealer, parts, 1);
+            Read const read = readParts(peer.dealer, parts, 1, kMaxBatch);
             if (read == Read::Nothing)
                 return false;
             if (read == Read::Malformed) {
@@ -648,9 +765,10 @@ private:
                     << name_ << ": dropped a malformed message from " << peer.name;
                 continue;
             }
-            if (parts[0].size() == 0)
-                continue;
-            received.push_back(Received{peer.name, std::move(parts[0])});
+            for (auto& part : parts) {
+                if (part.size() != 0)
+                    received.push_back(Received{peer.name, std::move(part)});
+            }
         }
         return !peer.failure;
     }
@@ -706,7 +824,8 @@ private:
 
     void probeInbound() {
         for (auto it = inbound_.begin(); it != inbound_.end();) {
-            if (peers_.count(*it) || routeBack(*it, zmq::message_t())) {
+            Batch probe;
+            if (peers_.count(*it) || routeBack(*it, probe)) {
                 ++it;
                 continue;
             }
@@ -885,7 +1004,16 @@ private:
                 // While frames keep coming (a wake-up often reads nothing: the sockets'
                 // descriptors signal more than new frames).
                 bool const conversing = Clock::now() - lastInput < kConversation;
-                if (!(conversing && timeoutMs > 0 && pollBriefly(items)))
+                bool const poll = conversing && timeoutMs > 0;
+                bool ready = false;
+                if (holding_.load(std::memory_order_acquire)) {
+                    // Held frames wait for the next frame to their peer, at most kHoldFor.
+                    ready = poll && pollBriefly(items, std::min(kHoldFor, options_.pollAfterInput));
+                    ready |= sendHeldUnlocked(lock);
+                }
+                if (!ready)
+                    ready = poll && pollBriefly(items, options_.pollAfterInput);
+                if (!ready)
                     zmq::poll(items.data(), items.size(), std::chrono::milliseconds(timeoutMs));
             } catch (std::exception const& e) {
                 ZN_LOG(logger(), log::error) << name_ << ": transport error: " << e.what();
@@ -904,16 +1032,19 @@ private:
     // How long after the last frame read the reading thread still polls before it sleeps.
     static constexpr std::chrono::milliseconds kConversation{10};
 
-    // Polls `items` for up to pollAfterInput, yielding between polls; true once one is ready
-    // (a wake-up included: a stop or a change of the sockets ends it too).
-    bool pollBriefly(std::vector<zmq::pollitem_t>& items) {
-        if (options_.pollAfterInput.count() <= 0)
+    // How long a frame given to sendSoon waits at most for the next frame to its peer.
+    static constexpr std::chrono::microseconds kHoldFor{250};
+
+    // Polls `items` for up to `bound`, yielding between polls; true once one is ready (a
+    // wake-up included: a stop or a change of the sockets ends it too).
+    static bool pollBriefly(std::vector<zmq::pollitem_t>& items, std::chrono::microseconds bound) {
+        if (bound.count() <= 0)
             return false;
         return ReplySpin::spinUntil(
             [&items] {
                 return zmq::poll(items.data(), items.size(), std::chrono::milliseconds(0)) > 0;
             },
-            options_.pollAfterInput);
+            bound);
     }
 
     // One turn of the loop, under mutex_: reads what the sockets hold and checks the deadlines.
@@ -1037,6 +1168,9 @@ private:
     Clock::time_point lastRun_;   // when the last of them started
     std::thread::id closer_; // a thread of ours that stop() was called on: it closes the sockets
     bool inputLeft_ = false; // a socket held input after the last turn: do not wait for a signal
+    // Frames given to sendSoon by the reading thread's deliveries, oldest first, with their peers.
+    std::vector<std::pair<std::string, std::string>> held_;
+    std::atomic<bool> holding_{false}; // held_ is not empty (written under mutex_)
 };
 
 } // namespace

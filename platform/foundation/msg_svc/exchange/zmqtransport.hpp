@@ -29,6 +29,9 @@
 // exchange leaves to that thread run on it at once, while another thread (up to eight in all)
 // watches: one that still runs a millisecond later has the reading taken over from it, so a
 // delivery may block without holding up other frames for long.
+// A frame given to sendSoon by a delivery on the reading thread is held until the next frame to
+// the same peer, or at most 250 µs: held frames leave with that frame as the parts of one ZeroMQ
+// message (a message of up to 64 parts is that many frames, in order).
 #include <foundation/msg_svc/exchange/transport.hpp>
 
 #include <chrono>
