@@ -4,7 +4,7 @@
 #include <quorl/cmddistributor/futureexception.hpp>
 #include <quorl/cmddistributor/runtimeexception.hpp>
 #include <quorl/io/veldrasink.hpp>
-#include <quorl/language/codeinspection.hpp>
+#include <quorl/language/codeanalysis.hpp>
 #include <quorl/utils/processutils.hpp>
 
 #include <fl/i18n/conversions.hpp>
@@ -22,7 +22,7 @@
 namespace quorl {
 namespace kernel {
 
-using language::CodeInspection;
+using language::CodeAnalysis;
 
 // What one request wrote, in order, and whether it has ended. Written by the library's delivery
 // threads, read by the shell thread.
@@ -289,7 +289,7 @@ QuorlInterpreter::Outcome QuorlInterpreter::run(std::string const& code, bool us
         running_ = id;
     }
 
-    DisplaySplitter splitter(use == OutputUse::Display ? CodeInspection::displayNames(code)
+    DisplaySplitter splitter(use == OutputUse::Display ? CodeAnalysis::displayNames(code)
                                                        : std::vector<std::string>());
     auto publishOut = [&](std::string const& text) {
         if (!text.empty() && !silent) {
@@ -342,7 +342,7 @@ nl::json QuorlInterpreter::execute_request_impl(int execution_counter, std::stri
     startRequest();
     // The statement whose value shows runs on its own, after the rest.
     std::size_t const split =
-        silent ? std::string::npos : CodeInspection::displayedStatementStart(code);
+        silent ? std::string::npos : CodeAnalysis::displayedStatementStart(code);
     std::vector<std::pair<std::string, OutputUse>> parts;
     if (split == std::string::npos) {
         parts.emplace_back(code, OutputUse::Publish);
@@ -409,9 +409,9 @@ nl::json QuorlInterpreter::complete_request_impl(std::string const& code, int cu
             }
         };
         add(variables());
-        add(CodeInspection::builtinNames());
-        add(CodeInspection::keywords());
-        add(CodeInspection::functionFiles(searchPath_));
+        add(CodeAnalysis::builtinNames());
+        add(CodeAnalysis::keywords());
+        add(CodeAnalysis::functionFiles(searchPath_));
         for (auto const& n : names) {
             matches.push_back(n);
         }
@@ -435,14 +435,14 @@ nl::json QuorlInterpreter::inspect_request_impl(std::string const& code, int cur
         return xeus::create_inspect_reply(false);
     }
     std::string text;
-    std::string const file = CodeInspection::findFunctionFile(name, searchPath_);
+    std::string const file = CodeAnalysis::findFunctionFile(name, searchPath_);
     if (!file.empty()) {
-        text = CodeInspection::helpText(file);
+        text = CodeAnalysis::helpText(file);
         if (text.empty()) {
             text = name + " is the function file " + file + " (it has no help comment).\n";
         }
     } else {
-        auto const builtins = CodeInspection::builtinNames();
+        auto const builtins = CodeAnalysis::builtinNames();
         if (std::binary_search(builtins.begin(), builtins.end(), name)) {
             text = name + " is a built-in function.\n";
         }
@@ -454,12 +454,12 @@ nl::json QuorlInterpreter::inspect_request_impl(std::string const& code, int cur
 }
 
 nl::json QuorlInterpreter::is_complete_request_impl(std::string const& code) {
-    switch (CodeInspection::completeness(code)) {
-    case CodeInspection::Completeness::Complete:
+    switch (CodeAnalysis::completeness(code)) {
+    case CodeAnalysis::Completeness::Complete:
         return xeus::create_is_complete_reply("complete");
-    case CodeInspection::Completeness::Incomplete:
+    case CodeAnalysis::Completeness::Incomplete:
         return xeus::create_is_complete_reply("incomplete", "  ");
-    case CodeInspection::Completeness::Invalid:
+    case CodeAnalysis::Completeness::Invalid:
         break;
     }
     return xeus::create_is_complete_reply("invalid");

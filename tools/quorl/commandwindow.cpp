@@ -1,6 +1,6 @@
 #include <tools/quorl/commandwindow.hpp>
 
-#include <quorl/language/codeinspection.hpp>
+#include <quorl/language/codeanalysis.hpp>
 
 #include <fl/i18n/conversions.hpp>
 
@@ -132,8 +132,8 @@ int CommandWindow::run() {
         console_.echo(prompt, text);
         command += text;
         command += "\n";
-        if (language::CodeInspection::completeness(command) ==
-            language::CodeInspection::Completeness::Incomplete)
+        if (language::CodeAnalysis::completeness(command) ==
+            language::CodeAnalysis::Completeness::Incomplete)
             continue;
         std::u16string code16;
         try {

@@ -1,4 +1,4 @@
-#include <quorl/language/codeinspection.hpp>
+#include <quorl/language/codeanalysis.hpp>
 
 #include <quorl/language/ast.hpp>
 #include <quorl/language/evaluator.hpp>
@@ -82,7 +82,7 @@ bool blank(std::string const& s) {
 
 } // namespace
 
-CodeInspection::Completeness CodeInspection::completeness(std::string const& code) {
+CodeAnalysis::Completeness CodeAnalysis::completeness(std::string const& code) {
     if (parses(code)) {
         return Completeness::Complete;
     }
@@ -144,7 +144,7 @@ CodeInspection::Completeness CodeInspection::completeness(std::string const& cod
     return parses(closed + "\n") ? Completeness::Incomplete : Completeness::Invalid;
 }
 
-std::size_t CodeInspection::displayedStatementStart(std::string const& code) {
+std::size_t CodeAnalysis::displayedStatementStart(std::string const& code) {
     std::vector<Token> tokens;
     try {
         tokens = Lexer::tokenize(code);
@@ -210,7 +210,7 @@ std::size_t CodeInspection::displayedStatementStart(std::string const& code) {
     return start;
 }
 
-std::vector<std::string> CodeInspection::displayNames(std::string const& statement) {
+std::vector<std::string> CodeAnalysis::displayNames(std::string const& statement) {
     std::vector<std::string> names{"ans"};
     try {
         std::shared_ptr<Unit> unit = Parser::parse(statement, "", "eval");
@@ -226,7 +226,7 @@ std::vector<std::string> CodeInspection::displayNames(std::string const& stateme
     return names;
 }
 
-std::vector<std::string> CodeInspection::builtinNames() {
+std::vector<std::string> CodeAnalysis::builtinNames() {
     std::map<std::string, Builtin> table;
     registerBuiltins(table);
     std::vector<std::string> names;
@@ -237,7 +237,7 @@ std::vector<std::string> CodeInspection::builtinNames() {
     return names;
 }
 
-std::vector<std::string> CodeInspection::keywords() {
+std::vector<std::string> CodeAnalysis::keywords() {
     std::vector<std::string> words{"if",     "elseif",    "else",     "end",    "for",
                                    "while",  "break",     "continue", "return", "switch",
                                    "case",   "otherwise", "try",      "catch",  "function",
@@ -249,7 +249,7 @@ std::vector<std::string> CodeInspection::keywords() {
     return words;
 }
 
-std::vector<std::string> CodeInspection::functionFiles(std::vector<std::string> const& folders) {
+std::vector<std::string> CodeAnalysis::functionFiles(std::vector<std::string> const& folders) {
     namespace fs = boost::filesystem;
     std::set<std::string> names;
     for (std::string const& folder : folders) {
@@ -264,8 +264,8 @@ std::vector<std::string> CodeInspection::functionFiles(std::vector<std::string> 
     return std::vector<std::string>(names.begin(), names.end());
 }
 
-std::string CodeInspection::findFunctionFile(std::string const& name,
-                                             std::vector<std::string> const& folders) {
+std::string CodeAnalysis::findFunctionFile(std::string const& name,
+                                           std::vector<std::string> const& folders) {
     namespace fs = boost::filesystem;
     if (name.empty() || name.find_first_of("/\\.") != std::string::npos) {
         return std::string();
@@ -280,7 +280,7 @@ std::string CodeInspection::findFunctionFile(std::string const& name,
     return std::string();
 }
 
-std::string CodeInspection::helpText(std::string const& path) {
+std::string CodeAnalysis::helpText(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         return std::string();

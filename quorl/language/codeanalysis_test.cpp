@@ -1,4 +1,4 @@
-#include <quorl/language/codeinspection.hpp>
+#include <quorl/language/codeanalysis.hpp>
 
 #include <tests/support/tempdir.hpp>
 
@@ -8,32 +8,32 @@
 
 namespace {
 
-using quorl::language::CodeInspection;
-typedef CodeInspection::Completeness Completeness;
+using quorl::language::CodeAnalysis;
+typedef CodeAnalysis::Completeness Completeness;
 namespace fs = boost::filesystem;
 using quorl_testing::TempDir;
 
-TEST(CodeInspection, CompletenessTellsOpenBlocksFromSyntaxErrors) {
+TEST(CodeAnalysis, CompletenessTellsOpenBlocksFromSyntaxErrors) {
     for (char const* code : {"x = 1", "", "if true, disp(1), end", "a = [1 2\n3 4]",
                              "y = x(end) + 1", "% just a comment", "c{end}", "disp('if')",
                              "disp(\"for while\") % if", "while true, end"}) {
-        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Complete) << code;
+        EXPECT_EQ(CodeAnalysis::completeness(code), Completeness::Complete) << code;
     }
     for (char const* code : {"for i = 1:3", "if x\n  y = 1;", "while true\n  if a\n  end",
                              "function r = f(x)\n r = x;\nif r", "try\n  x = 1;\ncatch e",
                              "m = [1 2", "z = f(1, ...", "s = {1, [2", "%{\nopen comment",
                              "switch k\n case 1", "while true,", "s = 'it''s'; if s(end) == 's'"}) {
-        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Incomplete) << code;
+        EXPECT_EQ(CodeAnalysis::completeness(code), Completeness::Incomplete) << code;
     }
     for (char const* code : {"x = = 3", "1 +* 2", "end", "x = )", "for i = 1:3\n x = = 1",
                              "m = [1 2)", "s = 'unterminated"}) {
-        EXPECT_EQ(CodeInspection::completeness(code), Completeness::Invalid) << code;
+        EXPECT_EQ(CodeAnalysis::completeness(code), Completeness::Invalid) << code;
     }
 }
 
-TEST(CodeInspection, DisplayedStatementIsTheLastShowingExpressionStatement) {
+TEST(CodeAnalysis, DisplayedStatementIsTheLastShowingExpressionStatement) {
     auto start = [](std::string const& code) {
-        std::size_t at = CodeInspection::displayedStatementStart(code);
+        std::size_t at = CodeAnalysis::displayedStatementStart(code);
         return at == std::string::npos ? std::string("<none>") : code.substr(at);
     };
     EXPECT_EQ(start("1 + 1"), "1 + 1");
@@ -50,17 +50,17 @@ TEST(CodeInspection, DisplayedStatementIsTheLastShowingExpressionStatement) {
     EXPECT_EQ(start("x\nfunction y = f()\n y = 1;\nend"), "<none>");
     EXPECT_EQ(start(""), "<none>");
 
-    EXPECT_EQ(CodeInspection::displayNames("x"), (std::vector<std::string>{"ans", "x"}));
-    EXPECT_EQ(CodeInspection::displayNames("x + 1"), (std::vector<std::string>{"ans"}));
+    EXPECT_EQ(CodeAnalysis::displayNames("x"), (std::vector<std::string>{"ans", "x"}));
+    EXPECT_EQ(CodeAnalysis::displayNames("x + 1"), (std::vector<std::string>{"ans"}));
 }
 
-TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
-    auto builtins = CodeInspection::builtinNames();
+TEST(CodeAnalysis, NamesOfBuiltinsKeywordsAndFunctionFiles) {
+    auto builtins = CodeAnalysis::builtinNames();
     EXPECT_TRUE(std::is_sorted(builtins.begin(), builtins.end()));
     for (char const* name : {"disp", "fprintf", "zeros", "who"}) {
         EXPECT_TRUE(std::binary_search(builtins.begin(), builtins.end(), name)) << name;
     }
-    auto keywords = CodeInspection::keywords();
+    auto keywords = CodeAnalysis::keywords();
     EXPECT_TRUE(std::binary_search(keywords.begin(), keywords.end(), "while"));
 
     TempDir a, b;
@@ -69,18 +69,18 @@ TEST(CodeInspection, NamesOfBuiltinsKeywordsAndFunctionFiles) {
     b.write("alpha.qrl", "function y = alpha(x)\ny = 3*x;\n");
     b.write("beta.qrl", "% Sets z.\n\n% after a blank line: no longer help\nz = 1;\n");
     b.write("gamma.qrl", "x = 1; % a comment after a statement is no help\n");
-    EXPECT_EQ(CodeInspection::functionFiles({a.str(), b.str(), a.str() + "/missing"}),
+    EXPECT_EQ(CodeAnalysis::functionFiles({a.str(), b.str(), a.str() + "/missing"}),
               (std::vector<std::string>{"alpha", "beta", "gamma"}));
-    std::string const alpha = CodeInspection::findFunctionFile("alpha", {a.str(), b.str()});
+    std::string const alpha = CodeAnalysis::findFunctionFile("alpha", {a.str(), b.str()});
     EXPECT_EQ(alpha, (fs::path(a.str()) / "alpha.qrl").string()) << "the first folder wins";
-    EXPECT_EQ(CodeInspection::findFunctionFile("../alpha", {b.str()}), "");
-    EXPECT_EQ(CodeInspection::findFunctionFile("delta", {a.str(), b.str()}), "");
+    EXPECT_EQ(CodeAnalysis::findFunctionFile("../alpha", {b.str()}), "");
+    EXPECT_EQ(CodeAnalysis::findFunctionFile("delta", {a.str(), b.str()}), "");
 
-    EXPECT_EQ(CodeInspection::helpText(alpha), "Doubles x.\n  y = alpha(x)\n");
-    EXPECT_EQ(CodeInspection::helpText(b.str() + "/beta.qrl"), "Sets z.\n");
-    EXPECT_EQ(CodeInspection::helpText(b.str() + "/alpha.qrl"), "");
-    EXPECT_EQ(CodeInspection::helpText(b.str() + "/gamma.qrl"), "");
-    EXPECT_EQ(CodeInspection::helpText(b.str() + "/missing.qrl"), "");
+    EXPECT_EQ(CodeAnalysis::helpText(alpha), "Doubles x.\n  y = alpha(x)\n");
+    EXPECT_EQ(CodeAnalysis::helpText(b.str() + "/beta.qrl"), "Sets z.\n");
+    EXPECT_EQ(CodeAnalysis::helpText(b.str() + "/alpha.qrl"), "");
+    EXPECT_EQ(CodeAnalysis::helpText(b.str() + "/gamma.qrl"), "");
+    EXPECT_EQ(CodeAnalysis::helpText(b.str() + "/missing.qrl"), "");
 }
 
 } // namespace

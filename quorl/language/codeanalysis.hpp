@@ -1,5 +1,5 @@
 #pragma once
-// CodeInspection: read-only questions that front ends (a notebook kernel, a command window) ask
+// CodeAnalysis: read-only questions that front ends (a notebook kernel, a command window) ask
 // about code of the language without running it: whether a piece of typed code is complete or
 // still has an open block, where the statement whose value would be displayed starts, which
 // names the built-ins have, which function files a search path holds, and the help text of a
@@ -15,7 +15,7 @@
 namespace quorl {
 namespace language {
 
-class CodeInspection {
+class CodeAnalysis {
 public:
     enum class Completeness {
         Complete,   // parses as it stands
