@@ -88,9 +88,9 @@ TEST(TypeInformation, ChainsTagsAndEquality) {
     EXPECT_TRUE(odd.isKindOf(u"test::NumberEvent"));
     EXPECT_FALSE(NumberEvent(3).isKindOf(u"test::OddEvent"));
     EXPECT_TRUE(typeInformationOf<OddEvent>()->isType(typeid(OddEvent)));
-    EXPECT_THROW(detail::DerivedTypeInformation<BaseEvent>::typeName(1), std::out_of_range);
     try {
         detail::DerivedTypeInformation<BaseEvent>::typeName(1);
+        ADD_FAILURE() << "the base has a base type";
     } catch (std::out_of_range const& e) {
         EXPECT_STREQ(e.what(), "eventmgr::BaseEvent has no base types.");
     }
