@@ -2,6 +2,7 @@
 
 #include <cppmicroservices/framework.hpp>
 #include <foundation/cppmicroservices/framework.hpp>
+#include <tests/support/errorof.hpp>
 #include <tests/support/tempdir.hpp>
 
 #include <boost/filesystem.hpp>
@@ -14,21 +15,13 @@ namespace fs = boost::filesystem;
 using cppmicroservices::Any;
 using cppmicroservices::Bundle;
 using cppmicroservices::Framework;
+using quorl_testing::errorOf;
 using quorl_testing::TempDir;
 
 namespace {
 
 std::string greeterManifest() {
     return "# a comment\n\n bundle.library = " + std::string(TEST_BUNDLE) + "\nkind=greeter\n";
-}
-
-template <class F> std::string errorOf(F f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 } // namespace

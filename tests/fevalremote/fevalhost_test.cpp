@@ -2,6 +2,7 @@
 // every kind, results as arrays and as EDI values, nlhs 0, 1 and several, errors with their
 // stack, and arguments that must die on their interpreter thread.
 #include <quorl/host/host.hpp>
+#include <tests/support/errorof.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
@@ -225,12 +226,6 @@ TEST_F(FEvalHostTest, TypedCallsConvertValuesBothWaysAndReportWrongTypesWithThei
         {feval.call<double>("cumsum", std::vector<double>{1, 2}),
          "Incorrect hvArray size returned from feval.  Expected size >= 1 and size <= 1 but size "
          "== 2."}};
-    for (auto& w : wrong) {
-        try {
-            settle(w.first);
-            ADD_FAILURE() << "taken as a double: " << w.second;
-        } catch (std::runtime_error const& e) {
-            EXPECT_EQ(e.what(), w.second);
-        }
-    }
+    for (auto& w : wrong)
+        EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>([&] { settle(w.first); }), w.second);
 }
