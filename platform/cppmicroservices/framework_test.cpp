@@ -2,6 +2,7 @@
 
 #include <cppmicroservices/framework.hpp>
 #include <foundation/cppmicroservices/framework.hpp>
+#include <tests/support/errorof.hpp>
 #include <tests/support/tempdir.hpp>
 
 #include <boost/filesystem.hpp>
@@ -14,21 +15,13 @@ namespace fs = boost::filesystem;
 using cppmicroservices::Any;
 using cppmicroservices::Bundle;
 using cppmicroservices::Framework;
+using quorl_testing::errorOf;
 using quorl_testing::TempDir;
 
 namespace {
 
 std::string greeterManifest() {
     return "# a comment\n\n bundle.library = " + std::string(TEST_BUNDLE) + "\nkind=greeter\n";
-}
-
-template <class F> std::string errorOf(F f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "no error";
 }
 
 } // namespace
@@ -63,20 +56,15 @@ TEST(CppMicroServicesFramework, ManifestsInstallOnceWithTheirProperties) {
     EXPECT_EQ(ctx.InstallBundles("a.manifest")[0].GetSymbolicName(), "alpha");
     EXPECT_EQ(fw.GetBundles().size(), 2u);
 
-    EXPECT_NE(errorOf([&] {
-                  ctx.InstallBundles(dir.write("c.manifest", "bundle.library=x\nno"));
-              }).find("c.manifest line 2: expected key=value"),
-              std::string::npos);
-    EXPECT_NE(errorOf([&] {
-                  ctx.InstallBundles(dir.write("d.manifest", "k=1\nk=2\n"));
-              }).find("d.manifest line 2: repeated key \"k\""),
-              std::string::npos);
-    EXPECT_NE(errorOf([&] {
-                  ctx.InstallBundles(dir.write("e.manifest", "k=1\n"));
-              }).find("has no \"bundle.library\""),
-              std::string::npos);
-    EXPECT_NE(errorOf([&] { ctx.InstallBundles("nonexistent.manifest"); }).find("Cannot read"),
-              std::string::npos);
+    // A malformed or unreadable manifest: the error names the file and the fault.
+    std::pair<std::string, std::string> const refusals[] = {
+        {dir.write("c.manifest", "bundle.library=x\nno"), "c.manifest line 2: expected key=value"},
+        {dir.write("d.manifest", "k=1\nk=2\n"), "d.manifest line 2: repeated key \"k\""},
+        {dir.write("e.manifest", "k=1\n"), "has no \"bundle.library\""},
+        {"nonexistent.manifest", "Cannot read"}};
+    for (auto const& r : refusals)
+        EXPECT_NE(errorOf([&] { ctx.InstallBundles(r.first); }).find(r.second), std::string::npos)
+            << r.first;
     EXPECT_THROW(Bundle().GetState(), std::invalid_argument);
 }
 
@@ -121,15 +109,15 @@ TEST(CppMicroServicesFramework, StartFailuresLeaveTheBundleInactive) {
     TempDir dir;
     Framework fw(dir.path());
     auto ctx = fw.GetBundleContext();
-    auto missing = ctx.InstallBundles(dir.write("m.manifest", "bundle.library=nothing.so\n"))[0];
-    EXPECT_NE(errorOf([&] { missing.Start(); }).find("cannot load"), std::string::npos);
-    EXPECT_EQ(missing.GetState(), Bundle::STATE_RESOLVED);
-
-    auto plain = ctx.InstallBundles(
-        dir.write("p.manifest", "bundle.library=" + std::string(PLAIN_LIBRARY) + "\n"))[0];
-    EXPECT_NE(errorOf([&] { plain.Start(); }).find("exports no bundle activator"),
-              std::string::npos);
-    EXPECT_NE(plain.GetState(), Bundle::STATE_ACTIVE);
+    // A library that does not load, and one that loads but has no activator.
+    std::pair<std::string, std::string> const failures[] = {
+        {"nothing.so", "cannot load"}, {PLAIN_LIBRARY, "exports no bundle activator"}};
+    for (auto const& f : failures) {
+        auto bundle = ctx.InstallBundles(dir.write(fs::path(f.first).stem().string() + ".manifest",
+                                                   "bundle.library=" + f.first + "\n"))[0];
+        EXPECT_NE(errorOf([&] { bundle.Start(); }).find(f.second), std::string::npos) << f.first;
+        EXPECT_EQ(bundle.GetState(), Bundle::STATE_RESOLVED);
+    }
 }
 
 TEST(CppMicroServicesFramework, ProcessFrameworkInstallsFolders) {

@@ -1,4 +1,5 @@
 #include <tests/support/archivetesting.hpp>
+#include <tests/support/errorof.hpp>
 
 #include <quorl/cmddistributor/debugloopevent.hpp>
 #include <quorl/cmddistributor/defaultiipstateevent.hpp>
@@ -42,12 +43,9 @@ TEST(StateEvents, SubscribedByTypeOrByOneTransition) {
     std::atomic<int> byTag{0};
     auto c3 = mgr->subscribe<IIPDiscardedEvent>([&](IIPDiscardedEvent const&) { ++byTag; },
                                                 {u"iipDiscarded"});
-    try {
-        mgr->subscribe<IIPStateEvent>([](IIPStateEvent const&) {}, {u"blue"});
-        FAIL();
-    } catch (std::runtime_error const& e) {
-        EXPECT_STREQ(e.what(), "cannot add user tags.");
-    }
+    EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>(
+                  [&] { mgr->subscribe<IIPStateEvent>([](IIPStateEvent const&) {}, {u"blue"}); }),
+              "cannot add user tags.");
     IDType const id;
     mgr->notifyIfWatched<IIPStartedEvent>(DeliverQueued, id);
     mgr->notifyIfWatched<IIPSuspendedEvent>(DeliverQueued, id);

@@ -167,58 +167,50 @@ TEST_F(EvalRunnerTest, CancelWithInterruptStopsARunningLoopAndTheContextServesOn
     EXPECT_EQ(after.buffer->text(), u"1\n");
 }
 
-// A client workspace that tells when code first asks for one name.
+// A client workspace that tells when code first asks for one name; a gated one then holds that
+// read, inside the interpreter and with the fenn mutex held, until the test opens the gate.
 class WatchedWorkspace : public quorl::workspace::ClientWorkspace {
 public:
-    explicit WatchedWorkspace(std::string name) : name_(std::move(name)) {}
+    explicit WatchedWorkspace(std::string name, bool gated = false) : name_(std::move(name)) {
+        if (!gated)
+            openPromise_.set_value();
+    }
     foundation::extdata::array::VariableInfo
     getVariables(std::vector<char const*> const& names) override {
         for (char const* n : names)
-            if (n == name_ && !asked_.exchange(true))
+            if (n == name_ && !asked_.exchange(true)) {
+                heldWhenAsked = quorl::utils::getFennMutex()->isLocked();
                 askedPromise_.set_value();
+                open_.wait();
+            }
         return ClientWorkspace::getVariables(names);
     }
     std::future<void> asked() { return askedPromise_.get_future(); }
+    void open() { openPromise_.set_value(); }
+    bool heldWhenAsked = false; // written before `asked` is signalled
 
 private:
     std::string name_;
     std::atomic<bool> asked_{false};
-    std::promise<void> askedPromise_;
+    std::promise<void> askedPromise_, openPromise_;
+    std::shared_future<void> open_ = openPromise_.get_future().share();
 };
 
 TEST_F(EvalRunnerTest, ATimedWaitEndsAtItsLimitWhileTheInterpreterHoldsTheFennMutex) {
     FennID const fenn{28};
-    // Code that reads `gate` from this workspace: the read waits, inside the interpreter and
-    // with the fenn mutex held, until the test lets it go.
-    class GatedWorkspace : public quorl::workspace::ClientWorkspace {
-    public:
-        foundation::extdata::array::VariableInfo
-        getVariables(std::vector<char const*> const& names) override {
-            if (names.size() == 1 && std::string(names[0]) == "gate" && !reached_.exchange(true)) {
-                heldWhileGated_ = quorl::utils::getFennMutex()->isLocked();
-                reachedPromise_.set_value();
-                open_.wait();
-            }
-            return ClientWorkspace::getVariables(names);
-        }
-        std::atomic<bool> reached_{false};
-        bool heldWhileGated_ = false;
-        std::promise<void> reachedPromise_;
-        std::promise<void> openPromise_;
-        std::shared_future<void> open_ = openPromise_.get_future().share();
-    };
-    auto ws = boost::make_shared<GatedWorkspace>();
+    // The code's read of `gate` waits, with the fenn mutex held, until the test lets it go.
+    auto ws = boost::make_shared<WatchedWorkspace>("gate", /*gated=*/true);
     ws->set("gate", Array::createScalar(1.0));
-    auto reached = ws->reachedPromise_.get_future();
+    auto reached = ws->asked();
     auto future =
         CmdDistributor::instance(fenn)->enqueueWithFuture(boost::make_shared<EvalCmdRequest>(
             true, UnsetIqmStreamID, ws, nullptr, nullptr, u"x = gate + 1;", ConventionalType));
     ASSERT_EQ(reached.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    EXPECT_TRUE(ws->heldWhileGated_);
+    EXPECT_TRUE(ws->heldWhenAsked);
     auto timedWait = std::async(
         std::launch::async, [&] { return future.timed_wait(boost::posix_time::milliseconds(20)); });
     bool const ended = timedWait.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    ws->openPromise_.set_value();
+    ws->open();
     ASSERT_TRUE(ended) << "the timed wait lasted as long as the request";
     EXPECT_FALSE(timedWait.get());
     finish(std::move(future));

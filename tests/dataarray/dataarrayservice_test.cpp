@@ -3,6 +3,7 @@
 #include <quorl/cmddistributor/dataarraypayload.hpp>
 
 #include <tests/support/archivetesting.hpp>
+#include <tests/support/errorof.hpp>
 #include <tests/support/tempdir.hpp>
 
 #include <foundation/cppmicroservices/framework.hpp>
@@ -139,12 +140,8 @@ TEST(DataArrayService, WithoutFrameworkEveryPayloadFailsFirst) {
         std::uint64_t none = 0;
         oa << none;
         auto expectMissing = [](auto&& f) {
-            try {
-                f();
-                ADD_FAILURE() << "no error";
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "Missing Veldra Data Array serialization support.");
-            }
+            EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>(f),
+                      "Missing Veldra Data Array serialization support.");
         };
         auto before = empty.str().size();
         expectMissing([&] { DataArrayPayload::saveList(oa, std::vector<Array>{}); });
@@ -250,12 +247,8 @@ TEST(DataArrayService, InstallAndStartFailuresReachTheCaller) {
         PluginRoot dir;
         std::ofstream((dir.folder / "broken.manifest").string()) << "no key value here\n";
         foundation::cppmicroservices::startFramework(dir.root);
-        try {
-            getVeldraDataArraySerializationService();
-            ADD_FAILURE() << "no error";
-        } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find("broken.manifest line 1"), std::string::npos)
-                << e.what();
-        }
+        std::string const error = quorl_testing::errorOf<std::runtime_error>(
+            [] { getVeldraDataArraySerializationService(); });
+        EXPECT_NE(error.find("broken.manifest line 1"), std::string::npos) << error;
     });
 }

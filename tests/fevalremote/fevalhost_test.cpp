@@ -2,6 +2,7 @@
 // every kind, results as arrays and as EDI values, nlhs 0, 1 and several, errors with their
 // stack, and arguments that must die on their interpreter thread.
 #include <quorl/host/host.hpp>
+#include <tests/support/errorof.hpp>
 
 #include <quorl/cmddistributor/cmddistributor.hpp>
 #include <quorl/cmddistributor/evalcmdrequest.hpp>
@@ -218,21 +219,13 @@ TEST_F(FEvalHostTest, TypedCallsConvertValuesBothWaysAndReportWrongTypesWithThei
     auto ignored = feval.call<quorl::cmddistributor::IgnoreVariadicReturn>("tic");
     EXPECT_NO_THROW(settle(ignored));
 
-    auto wrongType = feval.call<double>("upper", std::string("abc"));
-    try {
-        settle(wrongType);
-        FAIL() << "a char result was taken as a double";
-    } catch (std::runtime_error const& e) {
-        EXPECT_STREQ(
-            e.what(),
-            "Unexpected hvArray type returned from feval.  Expected double but found char.");
-    }
-    auto wrongSize = feval.call<double>("cumsum", std::vector<double>{1, 2});
-    try {
-        settle(wrongSize);
-        FAIL() << "a row was taken as a scalar";
-    } catch (std::runtime_error const& e) {
-        EXPECT_STREQ(e.what(), "Incorrect hvArray size returned from feval.  Expected size >= 1 "
-                               "and size <= 1 but size == 2.");
-    }
+    // A result of the wrong class or size is an error that names what was expected and found.
+    std::pair<boost::unique_future<double>, std::string> wrong[] = {
+        {feval.call<double>("upper", std::string("abc")),
+         "Unexpected hvArray type returned from feval.  Expected double but found char."},
+        {feval.call<double>("cumsum", std::vector<double>{1, 2}),
+         "Incorrect hvArray size returned from feval.  Expected size >= 1 and size <= 1 but size "
+         "== 2."}};
+    for (auto& w : wrong)
+        EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>([&] { settle(w.first); }), w.second);
 }

@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -38,6 +39,30 @@ inline std::vector<GoldenForm> goldenForms() {
     return {{".txt", Family::Text, Family::PolyText, true},
             {".xml", Family::Xml, Family::PolyXml, true},
             {".bin", Family::Binary, Family::PolyBinary, false}};
+}
+
+// Checks the goldens `stem` + suffix of each form of a class read and written through a pointer to
+// `Base`, in the archive field `name`: each is read by the plain and the polymorphic archive as a T
+// equal to `expected` (so its equality must cover every field), and written byte for byte as kept
+// where the form is byte-exact, or in every form with `allExact`.
+template <class Base, class T>
+void expectGoldens(std::string const& stem, T const& expected, char const* name = "object",
+                   bool allExact = false) {
+    for (GoldenForm const& form : goldenForms()) {
+        SCOPED_TRACE(stem + form.suffix);
+        std::string const bytes = readGolden(stem + form.suffix);
+        for (Family f : {form.plain, form.polymorphic}) {
+            Base* back = nullptr;
+            read(f, bytes, back, name);
+            std::unique_ptr<Base> owner(back);
+            ASSERT_TRUE(dynamic_cast<T const*>(back));
+            EXPECT_TRUE(*back == expected);
+        }
+        Base const* asBase = &expected;
+        if (form.byteExact || allExact) {
+            EXPECT_EQ(write(form.plain, asBase, name), bytes) << "the wire form has changed";
+        }
+    }
 }
 
 } // namespace quorl_testing

@@ -1,4 +1,5 @@
 #include <fl/i18n/conversions.hpp>
+#include <tests/support/errorof.hpp>
 
 #include <gtest/gtest.h>
 
@@ -28,11 +29,8 @@ TEST(Conversions, MalformedInputIsAnError) {
     EXPECT_THROW(to_ustring(std::string("\xC3")), std::runtime_error);
     EXPECT_THROW(to_ustring(std::string("\xFF\xFE")), std::runtime_error);
     EXPECT_THROW(to_string(ustring(1, char16_t(0xD800))), std::runtime_error);
-    try {
-        to_ustring(std::string("ab\xC3"));
-    } catch (std::runtime_error const& e) {
-        EXPECT_EQ(std::string(e.what()), "malformed UTF-8 text (3 units)");
-    }
+    EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>([] { to_ustring(std::string("ab\xC3")); }),
+              "malformed UTF-8 text (3 units)");
 }
 
 TEST(Conversions, AsciiCodecvtRejectsHighBytes) {

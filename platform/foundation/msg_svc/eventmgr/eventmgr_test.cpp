@@ -1,5 +1,6 @@
 #include <foundation/msg_svc/serialization/archives.hpp>
 
+#include <tests/support/errorof.hpp>
 #include <tests/support/zmqexchanges.hpp>
 
 #include <foundation/msg_svc/eventmgr/eventmgrfront.hpp>
@@ -88,12 +89,9 @@ TEST(TypeInformation, ChainsTagsAndEquality) {
     EXPECT_TRUE(odd.isKindOf(u"test::NumberEvent"));
     EXPECT_FALSE(NumberEvent(3).isKindOf(u"test::OddEvent"));
     EXPECT_TRUE(typeInformationOf<OddEvent>()->isType(typeid(OddEvent)));
-    EXPECT_THROW(detail::DerivedTypeInformation<BaseEvent>::typeName(1), std::out_of_range);
-    try {
-        detail::DerivedTypeInformation<BaseEvent>::typeName(1);
-    } catch (std::out_of_range const& e) {
-        EXPECT_STREQ(e.what(), "eventmgr::BaseEvent has no base types.");
-    }
+    EXPECT_EQ(quorl_testing::errorOf<std::out_of_range>(
+                  [] { detail::DerivedTypeInformation<BaseEvent>::typeName(1); }),
+              "eventmgr::BaseEvent has no base types.");
 
     // User tags: appended where allowed, refused where the type forbids them.
     NumberEvent tagged(5);
@@ -104,12 +102,8 @@ TEST(TypeInformation, ChainsTagsAndEquality) {
     EXPECT_TRUE(NumberEvent(5) == NumberEvent(5));
     EXPECT_FALSE(NumberEvent(5) == NumberEvent(6));
     EXPECT_FALSE(NumberEvent(1) == OddEvent(1));
-    try {
-        odd.addTag(u"blue");
-        FAIL();
-    } catch (std::runtime_error const& e) {
-        EXPECT_STREQ(e.what(), "cannot add user tags.");
-    }
+    EXPECT_EQ(quorl_testing::errorOf<std::runtime_error>([&] { odd.addTag(u"blue"); }),
+              "cannot add user tags.");
     EXPECT_NO_THROW(odd.addTag(u"test::NumberEvent")); // one of its own names is fine
     std::unique_ptr<BaseEvent> c(odd.clone());
     EXPECT_TRUE(dynamic_cast<OddEvent*>(c.get()));
