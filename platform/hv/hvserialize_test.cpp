@@ -1,5 +1,7 @@
 #include <hv/hvarray.hpp>
 
+#include <tests/support/errorof.hpp>
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -22,16 +24,6 @@ std::vector<std::uint8_t> bytesOf(const hvArray* a) {
 HvArrayPtr roundTrip(const hvArray* a) {
     std::vector<std::uint8_t> b = bytesOf(a);
     return HvArrayPtr(hvDeserialize(b.data(), b.size()));
-}
-
-// What `f` throws as a runtime_error, or "(accepted)".
-template <class F> std::string failureOf(F f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "(accepted)";
 }
 
 // An opaque class saved as its integer value and loaded back into a new giblet.
@@ -153,7 +145,9 @@ TEST(HvSerialize, UnsaveableAndUnknownClassesFail) {
     HvArrayPtr opaque(hvCreateOpaqueMatrix(cls, 1, 1));
     HvArrayPtr cell(hvCreateCellMatrix(1, 1));
     hvSetCell(cell.get(), 0, opaque.release());
-    EXPECT_NE(failureOf([&] { HvArrayPtr(hvSerialize(cell.get())); }).find("test.NoSave"),
+    EXPECT_NE(quorl_testing::errorOf<std::runtime_error>([&] {
+                  HvArrayPtr(hvSerialize(cell.get()));
+              }).find("test.NoSave"),
               std::string::npos);
 
     // Bytes naming an opaque class this process never registered.
@@ -199,8 +193,8 @@ TEST(HvSerialize, CorruptAndTruncatedBytesAreRejected) {
         return r;
     };
     auto rejects = [](const std::vector<std::uint8_t>& bytes, const std::string& words) {
-        std::string const why =
-            failureOf([&] { HvArrayPtr(hvDeserialize(bytes.data(), bytes.size())); });
+        std::string const why = quorl_testing::errorOf<std::runtime_error>(
+            [&] { HvArrayPtr(hvDeserialize(bytes.data(), bytes.size())); });
         EXPECT_NE(why.find(words), std::string::npos) << why << "; expected: " << words;
     };
     // A double array claiming 2^62 elements: rejected before any allocation.
@@ -318,7 +312,8 @@ TEST(HvSerialize, StreamedReadRefusesLengthsBeyondItsSizeBeforeAllocating) {
     HvArrayPtr a = filled(hvDOUBLE_CLASS, 1, 1000);
     const std::vector<std::uint8_t> bytes = bytesOf(a.get());
     // A size short of the elements: refused once the dimensions are read.
-    std::string why = failureOf([&] { streamRead(bytes, bytes.size() - 8); });
+    std::string why =
+        quorl_testing::errorOf<std::runtime_error>([&] { streamRead(bytes, bytes.size() - 8); });
     EXPECT_NE(why.find("truncated"), std::string::npos) << why;
     // Dimensions claiming 2^40 elements in 64 bytes: refused without reading any.
     std::vector<std::uint8_t> huge =
@@ -327,7 +322,7 @@ TEST(HvSerialize, StreamedReadRefusesLengthsBeyondItsSizeBeforeAllocating) {
     for (std::uint8_t b : {0x80, 0x80, 0x80, 0x80, 0x80, 0x20}) {
         huge.push_back(b);
     }
-    why = failureOf([&] { streamRead(huge, huge.size() + 64); });
+    why = quorl_testing::errorOf<std::runtime_error>([&] { streamRead(huge, huge.size() + 64); });
     EXPECT_NE(why.find("elements of 8 bytes"), std::string::npos) << why;
     // Bytes after the array, and a corrupt header, refused as hvDeserialize refuses them.
     std::vector<std::uint8_t> longer = bytes;
