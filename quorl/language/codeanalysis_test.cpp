@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -36,19 +37,23 @@ TEST(CodeAnalysis, DisplayedStatementIsTheLastShowingExpressionStatement) {
         std::size_t at = CodeAnalysis::displayedStatementStart(code);
         return at == std::string::npos ? std::string("<none>") : code.substr(at);
     };
-    EXPECT_EQ(start("1 + 1"), "1 + 1");
-    EXPECT_EQ(start("x = 3; x"), "x");
-    EXPECT_EQ(start("a = 1\nb = 2, a * b  % product"), "a * b  % product");
-    EXPECT_EQ(start("for i = 1:2\n  i\nend\ni + 1\n\n"), "i + 1\n\n");
-    EXPECT_EQ(start("m = [1 2\n3 4];\nm(end, :)"), "m(end, :)");
-    // Nothing shows: assignments, suppressed output, blocks, commands, bad code.
-    EXPECT_EQ(start("x = 3"), "<none>");
-    EXPECT_EQ(start("x + 1;"), "<none>");
-    EXPECT_EQ(start("if true\n  1\nend"), "<none>");
-    EXPECT_EQ(start("format long"), "<none>");
-    EXPECT_EQ(start("x = = 1\ny"), "<none>");
-    EXPECT_EQ(start("x\nfunction y = f()\n y = 1;\nend"), "<none>");
-    EXPECT_EQ(start(""), "<none>");
+    std::pair<char const*, char const*> const cases[] = {
+        {"1 + 1", "1 + 1"},
+        {"x = 3; x", "x"},
+        {"a = 1\nb = 2, a * b  % product", "a * b  % product"},
+        {"for i = 1:2\n  i\nend\ni + 1\n\n", "i + 1\n\n"},
+        {"m = [1 2\n3 4];\nm(end, :)", "m(end, :)"},
+        // Nothing shows: assignments, suppressed output, blocks, commands, bad code.
+        {"x = 3", "<none>"},
+        {"x + 1;", "<none>"},
+        {"if true\n  1\nend", "<none>"},
+        {"format long", "<none>"},
+        {"x = = 1\ny", "<none>"},
+        {"x\nfunction y = f()\n y = 1;\nend", "<none>"},
+        {"", "<none>"},
+    };
+    for (auto const& c : cases)
+        EXPECT_EQ(start(c.first), c.second) << c.first;
 
     EXPECT_EQ(CodeAnalysis::displayNames("x"), (std::vector<std::string>{"ans", "x"}));
     EXPECT_EQ(CodeAnalysis::displayNames("x + 1"), (std::vector<std::string>{"ans"}));
